@@ -1,0 +1,46 @@
+# Compiler settings of every target of this project.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "" FORCE)
+endif()
+
+find_program(QS_CCACHE ccache)
+if(QS_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${QS_CCACHE})
+endif()
+
+# "address" (with undefined behaviour and leaks) or "thread"; empty for none.
+set(QS_SANITIZE "" CACHE STRING "Sanitizers to build with")
+if(QS_SANITIZE STREQUAL "address")
+    set(qs_sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+elseif(QS_SANITIZE STREQUAL "thread")
+    set(qs_sanitizers -fsanitize=thread -fno-omit-frame-pointer)
+elseif(QS_SANITIZE)
+    message(FATAL_ERROR "QS_SANITIZE is \"${QS_SANITIZE}\"; expected address or thread")
+endif()
+if(qs_sanitizers)
+    add_compile_options(${qs_sanitizers})
+    add_link_options(${qs_sanitizers})
+endif()
+
+# Warnings, for our own code. qs_target(name) applies them with the include root.
+function(qs_target target)
+    target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+    if(MSVC)
+        target_compile_options(${target} PRIVATE /W4 /WX /permissive- /utf-8)
+    else()
+        target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor
+                                                 -Woverloaded-virtual -Werror)
+        if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+            target_compile_options(${target} PRIVATE -Wthread-safety -Wno-gnu-zero-variadic-macro-arguments)
+        endif()
+    endif()
+endfunction()

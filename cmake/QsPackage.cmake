@@ -1,0 +1,16 @@
+# Installation and the CMake package QsStimulation with its targets QsStimulation::Module and QsStimulation::Host.
+include(CMakePackageConfigHelpers)
+
+foreach(folder device manager beampath host platform)
+    install(DIRECTORY ${folder} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qsstimulation FILES_MATCHING PATTERN "*.h")
+endforeach()
+install(DIRECTORY standalone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qsstimulation FILES_MATCHING PATTERN "*.h")
+
+install(EXPORT QsStimulationTargets NAMESPACE QsStimulation::
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/QsStimulation)
+configure_package_config_file(cmake/QsStimulationConfig.cmake.in QsStimulationConfig.cmake
+                              INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/QsStimulation)
+write_basic_package_version_file(QsStimulationConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/QsStimulationConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/QsStimulationConfigVersion.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/QsStimulation)

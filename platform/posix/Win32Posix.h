@@ -1,0 +1,88 @@
+// The subset of the Windows calls that the module uses, for systems without them. Each call has the documented meaning
+// of the real one; deviations would make the module right here and wrong on Windows.
+//
+// Waits measure against the monotonic clock with an absolute deadline. A thread that waits with a time-out asks the
+// system for its finest timer slack first.
+#pragma once
+
+#include "host/QsHostApi.h"
+
+#include <cstddef>
+#include <cstdint>
+
+using BOOL = int;
+using BYTE = std::uint8_t;
+using DWORD = std::uint32_t;
+using LONG = std::int32_t;
+using LSTATUS = LONG;
+using HANDLE = void*;
+using HMODULE = void*;
+using LPVOID = void*;
+using HKEY = struct HKEY__*;
+using REGSAM = DWORD;
+
+constexpr BOOL FALSE = 0;
+constexpr BOOL TRUE = 1;
+
+struct SECURITY_ATTRIBUTES;
+
+// ------------------------------------------------------------------------------------------------- events and waits
+
+constexpr DWORD WAIT_OBJECT_0 = 0;
+constexpr DWORD WAIT_TIMEOUT = 258;
+constexpr DWORD WAIT_FAILED = 0xFFFFFFFFu;
+constexpr DWORD INFINITE = 0xFFFFFFFFu;
+constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;
+
+// Null when the event cannot be made. Named events and security attributes are not supported: null.
+QS_HOST_API HANDLE CreateEventW(SECURITY_ATTRIBUTES* attributes, BOOL manualReset, BOOL initialState, const wchar_t* name);
+QS_HOST_API BOOL SetEvent(HANDLE event);
+QS_HOST_API BOOL ResetEvent(HANDLE event);
+QS_HOST_API BOOL CloseHandle(HANDLE handle);
+QS_HOST_API DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
+// Fails for no handle, for more than MAXIMUM_WAIT_OBJECTS and for a null handle. waitAll: returns when all are signalled
+// at the same time, and only then resets the auto-reset ones.
+QS_HOST_API DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds);
+
+// ---------------------------------------------------------------------------------------------------------- modules
+
+constexpr DWORD GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT = 2;
+constexpr DWORD GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS = 4;
+
+// Handle of a module that is loaded in the process, by file name (a path, or a bare name with or without folder) or,
+// with the flag, by an address in it. FALSE and *module null when it is not loaded.
+QS_HOST_API BOOL GetModuleHandleExW(DWORD flags, const wchar_t* nameOrAddress, HMODULE* module);
+
+// --------------------------------------------------------------------------------------------------------- registry
+
+constexpr LSTATUS ERROR_SUCCESS = 0;
+constexpr LSTATUS ERROR_FILE_NOT_FOUND = 2;
+constexpr LSTATUS ERROR_ACCESS_DENIED = 5;
+constexpr LSTATUS ERROR_INVALID_HANDLE = 6;
+constexpr LSTATUS ERROR_WRITE_FAULT = 29;
+constexpr LSTATUS ERROR_INVALID_PARAMETER = 87;
+constexpr LSTATUS ERROR_BAD_PATHNAME = 161;
+constexpr LSTATUS ERROR_MORE_DATA = 234;
+
+constexpr DWORD REG_SZ = 1;
+constexpr DWORD REG_BINARY = 3;
+constexpr DWORD REG_DWORD = 4;
+
+constexpr REGSAM KEY_ALL_ACCESS = 0xF003F;
+constexpr DWORD REG_OPTION_NON_VOLATILE = 0;
+constexpr DWORD REG_CREATED_NEW_KEY = 1;
+constexpr DWORD REG_OPENED_EXISTING_KEY = 2;
+
+inline const HKEY HKEY_CURRENT_USER = reinterpret_cast<HKEY>(std::uintptr_t{0x80000001u});
+inline const HKEY HKEY_LOCAL_MACHINE = reinterpret_cast<HKEY>(std::uintptr_t{0x80000002u});
+
+// Sub-keys are paths separated by "\"; a trailing one names the same key. Names ignore ASCII case, as the real ones do.
+// REG_SZ data are UTF-16LE bytes with their terminator on every system: `data` points to 16-bit units, not to wchar_t
+// (platform/Utf16.h converts).
+QS_HOST_API LSTATUS RegCreateKeyExW(HKEY key, const wchar_t* subKey, DWORD reserved, wchar_t* className, DWORD options,
+                                    REGSAM access, const SECURITY_ATTRIBUTES* attributes, HKEY* result, DWORD* disposition);
+QS_HOST_API LSTATUS RegCreateKeyW(HKEY key, const wchar_t* subKey, HKEY* result);
+QS_HOST_API LSTATUS RegOpenKeyW(HKEY key, const wchar_t* subKey, HKEY* result);
+QS_HOST_API LSTATUS RegQueryValueExW(HKEY key, const wchar_t* name, DWORD* reserved, DWORD* type, BYTE* data, DWORD* size);
+QS_HOST_API LSTATUS RegSetValueExW(HKEY key, const wchar_t* name, DWORD reserved, DWORD type, const BYTE* data, DWORD size);
+QS_HOST_API LSTATUS RegCloseKey(HKEY key);

@@ -1,0 +1,46 @@
+// Switches of the stand-alone host that a real host sets by being what it is: used by the command line and by tests.
+#pragma once
+
+#include "host/QsSystem.h"
+
+#include <string>
+#include <vector>
+
+namespace QsStandalone {
+
+// Time source of QS_GetTimeCounter; null: the monotonic clock. [host]
+QS_HOST_API void SetTimeCounter(double (*source)());
+
+// Catalogue of translations: a JSON object {"text": "translation", ...} in UTF-8. False, with one line naming file and
+// place, when it cannot be read; then the old catalogue stays. [host]
+QS_HOST_API bool LoadTranslations(const std::string& path, std::string& error);
+QS_HOST_API void ClearTranslations();
+
+// What DeviceDBApi::IsInitialized answers; false at first. [any thread]
+QS_HOST_API void SetDeviceDatabaseInitialized(bool initialized);
+
+// Makes CreateAndQuery of the class fail, as a class whose hardware library is missing does. [any thread]
+QS_HOST_API void RefuseClass(const std::string& className, bool refuse);
+// Makes CQsClass::operator new answer null. [any thread]
+QS_HOST_API void RefuseAllocation(bool refuse);
+// Objects derived from CQsClass that exist now, all classes together.
+QS_HOST_API std::size_t LiveObjectCount();
+// References on a counted object; 0 for one that is not counted.
+QS_HOST_API unsigned ReferenceCount(IQsInterface* object);
+
+struct SKnownClass
+{
+    std::string className;
+    std::string friendlyName; // from the module file's record; empty for a class that only registered in code
+    std::vector<std::string> parents;
+    std::string module;       // file; empty when it only registered in code
+    bool moduleLoaded = false;
+};
+QS_HOST_API std::vector<SKnownClass> KnownClasses(); // in registry order
+
+// Settings of simulated devices, by class name for devices that the manager creates and by instance name for others:
+// a JSON object as text, "{}" when nothing was set. Plug-ins read them when an object is made. [any thread]
+QS_HOST_API void SetDeviceSettings(const std::string& name, const std::string& json);
+QS_HOST_API std::string GetDeviceSettings(const std::string& name);
+
+} // namespace QsStandalone

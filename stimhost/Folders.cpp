@@ -1,0 +1,57 @@
+#include "stimhost/Folders.h"
+
+#include "platform/Process.h"
+
+#include <filesystem>
+
+namespace Stimhost {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path ProgramFolder()
+{
+    return fs::path(QsPlatform::ProgramFile()).parent_path();
+}
+
+// The first of the places that exists; the first place when none does, so that a message can name it.
+std::string FirstThatExists(const fs::path& first, const fs::path& second)
+{
+    std::error_code error;
+    if (!fs::exists(first, error) && fs::exists(second, error))
+        return second.lexically_normal().string();
+    return first.lexically_normal().string();
+}
+
+std::string OrNothing(const std::string& path)
+{
+    std::error_code error;
+    return fs::exists(path, error) ? path : std::string();
+}
+
+} // namespace
+
+std::string ModuleFile()
+{
+    return FirstThatExists(ProgramFolder() / QS_MODULE_FILE, ProgramFolder() / QS_LIBRARY_FOLDER / QS_MODULE_FILE);
+}
+
+std::string CommandsFile()
+{
+    return FirstThatExists(ProgramFolder() / QS_COMMANDS_FILE, ProgramFolder() / QS_LIBRARY_FOLDER / QS_COMMANDS_FILE);
+}
+
+std::string PluginFolder()
+{
+    return OrNothing(FirstThatExists(ProgramFolder() / "plugins",
+                                     ProgramFolder() / QS_LIBRARY_FOLDER / "qsstimulation" / "plugins"));
+}
+
+std::string DemoRig()
+{
+    const fs::path installed = ProgramFolder() / QS_SHARE_FOLDER / "qsstimulation" / "rigs" / "demo.json";
+    return OrNothing(FirstThatExists(installed, fs::path(QS_SOURCE_RIGS) / "demo.json"));
+}
+
+} // namespace Stimhost

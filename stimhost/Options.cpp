@@ -1,0 +1,168 @@
+#include "stimhost/Options.h"
+
+#include "stimhost/Text.h"
+
+#include <CLI/CLI.hpp>
+
+namespace Stimhost {
+
+namespace {
+
+const char* const s_footer = "Exit codes:\n"
+                             "  0  done\n"
+                             "  1  a device or a stimulation failed, was interrupted, or left a light on\n"
+                             "  2  bad usage, bad input, or a file that cannot be written\n"
+                             "  3  an internal error, or the stimulation module is missing\n"
+                             "\n"
+                             "Ctrl-C aborts a running stimulation and closes every shutter; a second one does not wait.";
+
+// Milliseconds from 0 to one day. A value that is not a number compares false with everything, so it fails too.
+const CLI::Validator s_milliseconds(
+    [](std::string& text) {
+        double value = 0.0;
+        const bool isNumber = CLI::detail::lexical_cast(text, value);
+        return isNumber && value >= 0.0 && value <= 86400000.0
+                   ? std::string()
+                   : "\"" + text + "\" is not a time; expected 0 to 86400000 milliseconds";
+    },
+    "MS");
+
+CLI::App* Command(CLI::App& parent, const std::string& name, const std::string& description, SOptions& options)
+{
+    CLI::App* command = parent.add_subcommand(name, description);
+    command->fallthrough();
+    const std::string path = parent.get_parent() != nullptr ? parent.get_name() + " " + name : name;
+    command->parse_complete_callback([&options, path] { options.command = path; });
+    return command;
+}
+
+void AddJson(CLI::App& command, SOptions& options)
+{
+    command.add_flag("--json", options.json, "Print JSON");
+}
+
+void AddGlobal(CLI::App& app, SOptions& options)
+{
+    app.add_option("--rig", options.rig, "Rig file (default: the demo rig)")->type_name("FILE");
+    app.add_option("--modules", options.moduleFolders, "Folders with further device modules")->type_name("DIR");
+    app.add_option("--registry", options.registryFolder, "Folder of the registry (default: the user's)")->type_name("DIR");
+    app.add_option("--log", options.logFile, "Append the diagnostic log to a file")->type_name("FILE");
+    app.add_option("--log-level", options.logLevel, "How much is logged")
+        ->check(CLI::IsMember({"off", "normal", "detailed"}))
+        ->type_name("LEVEL")
+        ->capture_default_str();
+    app.add_flag("--verbose", options.verbose, "Write the diagnostic log to stderr");
+}
+
+void AddStimulate(CLI::App& app, SOptions& options)
+{
+    CLI::App* stimulate = Command(app, "stimulate", "Stimulate with the active device and measure its light", options);
+    stimulate->add_option("--kind", options.kind, "Kind of stimulation")
+        ->check(CLI::IsMember({"continuous", "timed"}))
+        ->type_name("continuous|timed")
+        ->capture_default_str();
+    stimulate->add_option("--duration", options.durationMs, "Length of the light")
+        ->check(s_milliseconds)
+        ->type_name("MS")
+        ->capture_default_str();
+    stimulate->add_option("--repetitions", options.repetitions, "How often, one after the other")
+        ->check(CLI::Range(1u, 10000u))
+        ->type_name("N")
+        ->capture_default_str();
+    stimulate->add_option("--groups", options.groupMask, "Stimulation groups, bit 0 to 2")
+        ->check(CLI::Range(0u, 7u))
+        ->type_name("MASK")
+        ->capture_default_str();
+    stimulate->add_option("--device", options.device, "Activate this device first")->type_name("NAME");
+    stimulate->add_option("--abort-after", options.abortAfterMs, "Abort each stimulation after this time")
+        ->check(s_milliseconds)
+        ->type_name("MS");
+    stimulate->add_option("--grace", options.graceMs, "Give up on a device this long after its time")
+        ->check(s_milliseconds)
+        ->type_name("MS")
+        ->capture_default_str();
+    stimulate->add_option("--picture", options.picture, "Write the timeline")->type_name("FILE.svg");
+    stimulate->add_option("--report", options.report, "Write the JSON report")->type_name("FILE");
+    AddJson(*stimulate, options);
+}
+
+} // namespace
+
+std::optional<int> ReadOptions(int argc, char** argv, SOptions& options)
+{
+    CLI::App app("Command-line host of the stimulation-device module.", "stimhost");
+    app.footer(s_footer);
+    app.require_subcommand(1);
+    app.set_version_flag("--version", "stimhost " QS_VERSION);
+    AddGlobal(app, options);
+
+    CLI::App* list = Command(app, "list", "Classes, devices, recently used devices and options", options);
+    AddJson(*list, options);
+
+    CLI::App* inspect = Command(app, "inspect", "Class records of module files, which are not loaded", options);
+    inspect->add_option("files", options.files, "Module files, ELF or PE")->required()->type_name("FILE");
+    AddJson(*inspect, options);
+
+    CLI::App* activate = Command(app, "activate", "Make a device the active one", options);
+    CLI::Option_group* which = activate->add_option_group("which");
+    which->add_option("name", options.name, "Unique name of the device")->type_name("NAME");
+    which->add_option("--mru", options.mruIndex, "Recently used device from this place on, 0 is the latest")
+        ->type_name("INDEX");
+    which->add_option("--confocal", options.confocal, "Switch to or away from the point scanner's device")
+        ->check(CLI::IsMember({"on", "off"}))
+        ->type_name("on|off");
+    which->require_option(1);
+    activate->add_flag("--save", options.save, "Keep the recently used devices in the registry");
+    AddJson(*activate, options);
+
+    AddStimulate(app, options);
+
+    CLI::App* script = app.add_subcommand("script", "Registered script procedures");
+    script->fallthrough();
+    script->require_subcommand(1);
+    CLI::App* scriptList = Command(*script, "list", "Procedures with their parameters", options);
+    AddJson(*scriptList, options);
+    CLI::App* scriptCall = Command(*script, "call", "Call a procedure", options);
+    scriptCall->add_option("procedure", options.procedure, "Name of the procedure")->required()->type_name("PROC");
+    scriptCall->add_option("--device", options.device, "Device that the procedure shall find")->type_name("TEXT");
+    scriptCall->add_option("--param", options.parameters, "Parameters")->type_name("NAME=VALUE");
+    AddJson(*scriptCall, options);
+
+    CLI::App* registry = app.add_subcommand("registry", "The stored settings");
+    registry->fallthrough();
+    registry->require_subcommand(1);
+    CLI::App* registryShow = Command(*registry, "show", "Stored values", options);
+    registryShow->add_flag("--machine", options.machine, "Those of the machine instead of the user's");
+    AddJson(*registryShow, options);
+
+    CLI::App* rig = app.add_subcommand("rig", "Rig files");
+    rig->fallthrough();
+    rig->require_subcommand(1);
+    CLI::App* rigCheck = Command(*rig, "check", "Check rig files", options);
+    rigCheck->add_option("files", options.files, "Rig files")->required()->type_name("FILE");
+    AddJson(*rigCheck, options);
+
+    CLI::App* demo = Command(app, "demo", "Run the rig through its paces and check every promise", options);
+    demo->add_option("--out", options.out, "Folder of report.json and timeline.svg")
+        ->type_name("DIR")
+        ->capture_default_str();
+    AddJson(*demo, options);
+
+    try
+    {
+        app.parse(argc, argv);
+    }
+    catch (const CLI::ParseError& e)
+    {
+        if (e.get_exit_code() == 0)
+            return app.exit(e) == 0 ? eExitDone : eExitBadUse;
+        std::string reason = e.what();
+        for (char& c : reason)
+            c = c == '\n' ? ' ' : c;
+        Complain(reason + " (see stimhost --help)");
+        return eExitBadUse;
+    }
+    return std::nullopt;
+}
+
+} // namespace Stimhost

@@ -1,0 +1,53 @@
+// The command line.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Stimhost {
+
+struct SOptions
+{
+    // Every command.
+    std::string rig;
+    std::vector<std::string> moduleFolders;
+    std::string registryFolder;
+    std::string logFile;
+    std::string logLevel = "normal";
+    bool verbose = false;
+    bool json = false;
+
+    std::string command; // "list", "script call", ...
+
+    std::vector<std::string> files; // inspect, rig check
+
+    std::optional<std::string> name; // activate
+    std::optional<unsigned> mruIndex;
+    std::string confocal; // "on", "off" or empty
+    bool save = false;
+
+    std::string kind = "timed"; // stimulate
+    double durationMs = 100.0;
+    unsigned repetitions = 1;
+    std::uint32_t groupMask = 1;
+    std::optional<std::string> device; // also script call
+    std::optional<double> abortAfterMs;
+    double graceMs = 10000.0;
+    std::string picture;
+    std::string report;
+
+    std::string procedure; // script call
+    std::vector<std::string> parameters;
+
+    bool machine = false; // registry show
+
+    std::string out = "out"; // demo
+};
+
+// Reads the command line. The exit code when there is nothing left to do: help was shown, or the usage is bad and one
+// line on stderr says how.
+std::optional<int> ReadOptions(int argc, char** argv, SOptions& options);
+
+} // namespace Stimhost

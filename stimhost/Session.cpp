@@ -1,0 +1,231 @@
+#include "stimhost/Session.h"
+
+#include "manager/StimulationManager.h"
+#include "platform/posix/Control.h"
+#include "standalone/DeviceManager.h"
+#include "standalone/DiagnosticLog.h"
+#include "standalone/HostControl.h"
+#include "standalone/Journal.h"
+#include "standalone/PluginManager.h"
+#include "stimhost/Bounded.h"
+#include "stimhost/Folders.h"
+#include "stimhost/ShutterAttachment.h"
+#include "stimhost/Text.h"
+
+#include <rapidjson/document.h>
+#include <rapidjson/writer.h>
+
+#include <algorithm>
+#include <filesystem>
+
+namespace Stimhost {
+
+using QsStandalone::CQsDeviceManager;
+using QsStandalone::CQsDiagnosticLog;
+using QsStandalone::CQsModules;
+using QsStandalone::SRigDevice;
+
+namespace {
+
+constexpr const char* notConnected = R"({"connected": false})";
+
+bool Fail(std::string& error, const std::string& text)
+{
+    error = text;
+    return false;
+}
+
+// The device's own settings, with the name that the rig gives it.
+std::string SettingsOf(const SRigDevice& device)
+{
+    rapidjson::Document settings;
+    settings.Parse(device.settings.c_str());
+    if (settings.HasParseError() || !settings.IsObject())
+        settings.SetObject();
+    if (!device.name.empty())
+    {
+        settings.RemoveMember("name");
+        settings.AddMember("name", rapidjson::Value(device.name.c_str(), settings.GetAllocator()),
+                           settings.GetAllocator());
+    }
+    rapidjson::StringBuffer text;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(text);
+    settings.Accept(writer);
+    return text.GetString();
+}
+
+} // namespace
+
+bool CSession::Open(const SOptions& options, bool withRig, std::string& error)
+{
+    if (!OpenLog(options, error))
+        return false;
+    if (!options.registryFolder.empty())
+        UseRegistryFolder(options.registryFolder);
+    if (!withRig)
+        return true;
+
+    const std::string path = options.rig.empty() ? DemoRig() : options.rig;
+    if (path.empty())
+    {
+        error = "the demo rig is not installed; name a rig with --rig FILE";
+        return false;
+    }
+    if (!QsStandalone::ReadRig(path, m_rig, error) || !ScanModules(options, error) || !AddHostDevices(error))
+        return false;
+    if (!m_rig.translations.empty() && !QsStandalone::LoadTranslations(m_rig.translations, error))
+        return false;
+    if (!AnnounceStaticDevices(error))
+        return false;
+    m_manager = CQsStimulationDeviceManager::GetInstance();
+    if (!AddShutters(error) || !AddDevices(error))
+        return false;
+    m_manager->Update(); // a rig without devices is no error
+    return true;
+}
+
+bool CSession::OpenLog(const SOptions& options, std::string& error)
+{
+    using QsStandalone::ELogLevel;
+    CQsDiagnosticLog::SetLevel(options.logLevel == "off"        ? ELogLevel::Off
+                               : options.logLevel == "detailed" ? ELogLevel::Detailed
+                                                                : ELogLevel::Normal);
+    CQsDiagnosticLog::ToStderr(options.verbose);
+    constexpr std::uint64_t longest = 4u << 20;
+    return options.logFile.empty() || CQsDiagnosticLog::ToFile(options.logFile, longest, 4, error);
+}
+
+bool CSession::ScanModules(const SOptions& options, std::string& error)
+{
+    const std::string own = PluginFolder();
+    if (!own.empty() && !ScanFolder(own, "the program", error))
+        return false;
+    for (const std::string& folder : m_rig.moduleFolders)
+        if (!ScanFolder(folder, m_rig.path, error))
+            return false;
+    for (const std::string& folder : options.moduleFolders)
+        if (!ScanFolder(folder, "--modules", error))
+            return false;
+    return true;
+}
+
+bool CSession::ScanFolder(const std::string& folder, const std::string& named, std::string& error)
+{
+    std::error_code ignored;
+    if (!std::filesystem::is_directory(folder, ignored))
+    {
+        error = named + ": expected a folder of modules, found none at " + folder;
+        return false;
+    }
+    for (const QsStandalone::SModuleFile& file : CQsModules::ScanFolder(folder))
+        if (!file.error.empty())
+            Complain("skipped: " + file.error);
+    return true;
+}
+
+bool CSession::AddHostDevices(std::string& error)
+{
+    for (const QsStandalone::SShutterSetup& shutter : m_rig.shutters)
+        if (!CQsDeviceManager::AddShutter(shutter, error))
+            return Fail(error, m_rig.path + ": " + error);
+    for (const QsStandalone::SLogicalDevice& device : m_rig.logicalDevices)
+        if (!CQsDeviceManager::AddLogicalDevice(device, error))
+            return Fail(error, m_rig.path + ": " + error);
+    return true;
+}
+
+// The manager makes a static device from its class, and only while the class's module is loaded: so the modules of the
+// rig's static devices are loaded before there is a manager.
+bool CSession::AnnounceStaticDevices(std::string& error)
+{
+    // Of the classes that the rig does not list as static there is no hardware; without this the manager would offer a
+    // device of every class whose module some other device has loaded.
+    for (const QsStandalone::SKnownClass& known : QsStandalone::KnownClasses())
+        QsStandalone::SetDeviceSettings(known.className, notConnected);
+    for (const SRigDevice& device : m_rig.devices)
+    {
+        if (device.list != "static")
+            continue;
+        QsStandalone::SetDeviceSettings(device.className, SettingsOf(device));
+        if (!CQsModules::LoadModuleOfClass(device.className, error))
+            return Fail(error, m_rig.path + ": device class \"" + device.className + "\": " + error);
+    }
+    return true;
+}
+
+bool CSession::AddShutters(std::string& error)
+{
+    for (const QsStandalone::SRig::SStimulationShutter& shutter : m_rig.stimulationShutters)
+    {
+        int status = QS_ERR_FAIL;
+        IQsStimulationDevice* device = AttachNewShutter(shutter.logDevId, status);
+        if (device == nullptr || status != QS_OK)
+        {
+            return Fail(error, m_rig.path + ": shutter " + std::to_string(shutter.logDevId) +
+                    " cannot become a stimulation device, status " + std::to_string(status));
+        }
+        if (shutter.list == "list")
+        {
+            m_manager->UnregisterSimpleStimulationDevice(device); // attaching has registered it
+            m_manager->ShuttersAdd(device);                       // takes over our reference
+        }
+        else
+            CQsRTTI::Release(device);
+    }
+    return true;
+}
+
+bool CSession::AddDevices(std::string& error)
+{
+    for (const SRigDevice& setup : m_rig.devices)
+    {
+        if (setup.list == "static")
+            continue;
+        const std::string ofStatic = QsStandalone::GetDeviceSettings(setup.className);
+        QsStandalone::SetDeviceSettings(setup.className, SettingsOf(setup));
+        IQsInterface* object =
+            CQsRTTI::CreateAndQuery(setup.className.c_str(), "IQsStimulationDevice", "no file", -1);
+        QsStandalone::SetDeviceSettings(setup.className, ofStatic);
+        auto* device = dynamic_cast<IQsStimulationDevice*>(object);
+        if (device == nullptr)
+        {
+            CQsRTTI::Release(object);
+            error = m_rig.path + ": a device of class \"" + setup.className +
+                    "\" cannot be created; expected a class of a module that was found";
+            return false;
+        }
+        if (setup.list == "special")
+            m_manager->SpecialDevicesAdd(device); // these two take over our reference
+        else if (setup.list == "option")
+            m_manager->OptConfDevicesAdd(device);
+        else
+        {
+            m_manager->RegisterSimpleStimulationDevice(device);
+            CQsRTTI::Release(device);
+        }
+    }
+    return true;
+}
+
+void UseRegistryFolder(const std::string& folder)
+{
+    QsPlatform::SetRegistryFolders(folder + "/user", folder + "/machine");
+}
+
+std::vector<std::string> LeaveNoLight()
+{
+    std::vector<std::string> lit = QsStandalone::CQsJournal::LitDevices();
+    CQsDeviceManager::ReleaseHangs();
+    for (const std::string& open : CQsDeviceManager::CloseAllShutters())
+        if (std::find(lit.begin(), lit.end(), open) == lit.end())
+            lit.push_back(open);
+    CQsStimulationDeviceManager* manager = CQsStimulationDeviceManager::InstanceIfExists();
+    if (!QsStandalone::CQsJournal::LitDevices().empty() && manager != nullptr)
+        RunBounded(1000.0, [manager] {
+            if (IQsStimulationDevice* device = manager->GetActive())
+                device->StimulationAbort();
+        });
+    return lit;
+}
+
+} // namespace Stimhost

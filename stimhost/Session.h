@@ -1,0 +1,44 @@
+// One run of the program on one rig: the host set up as the rig says, and the manager with its devices.
+#pragma once
+
+#include "standalone/Rig.h"
+#include "stimhost/Options.h"
+
+#include <string>
+#include <vector>
+
+class CQsStimulationDeviceManager;
+
+namespace Stimhost {
+
+class CSession
+{
+public:
+    // Log, registry and, when `withRig`, the rig's devices and the manager. False, with one line, when the input is bad.
+    bool Open(const SOptions& options, bool withRig, std::string& error);
+
+    // Null before Open with a rig.
+    CQsStimulationDeviceManager* Manager() const { return m_manager; }
+    const QsStandalone::SRig& Rig() const { return m_rig; }
+
+private:
+    bool OpenLog(const SOptions& options, std::string& error);
+    bool ScanModules(const SOptions& options, std::string& error);
+    bool ScanFolder(const std::string& folder, const std::string& named, std::string& error);
+    bool AddHostDevices(std::string& error);
+    bool AnnounceStaticDevices(std::string& error);
+    bool AddShutters(std::string& error);
+    bool AddDevices(std::string& error);
+
+    QsStandalone::SRig m_rig;
+    CQsStimulationDeviceManager* m_manager = nullptr;
+};
+
+// Both roots below the folder, from now on.
+void UseRegistryFolder(const std::string& folder);
+
+// Names of the lights that are on. Closes every shutter, stops what else is lit, and ends hangs. Call it on every way
+// out: a device that does not answer is given up after a second.
+std::vector<std::string> LeaveNoLight();
+
+} // namespace Stimhost

@@ -1,0 +1,75 @@
+#include "manager/StimulationManager.h"
+#include "stimhost/Commands.h"
+#include "stimhost/Report.h"
+#include "stimhost/Session.h"
+#include "stimhost/Text.h"
+#include "stimhost/Timeline.h"
+
+namespace Stimhost {
+
+namespace {
+
+SRequest RequestOf(const SOptions& options, unsigned number)
+{
+    SRequest request;
+    request.title = options.kind + ", " + Number(options.durationMs, 0) + " ms";
+    if (options.abortAfterMs)
+        request.title += ", aborted after " + Number(*options.abortAfterMs, 0) + " ms";
+    if (options.repetitions > 1)
+        request.title += ", no. " + std::to_string(number);
+    request.kind = options.kind == "continuous" ? EKind::Continuous : EKind::Timed;
+    request.durationMs = options.durationMs;
+    request.groupMask = options.groupMask;
+    request.abortAfterMs = options.abortAfterMs;
+    request.graceMs = options.graceMs;
+    return request;
+}
+
+bool WriteFiles(const SOptions& options, const SReport& report)
+{
+    std::string error;
+    bool written = true;
+    if (!options.report.empty() && !WriteWholeFile(options.report, ReportJson(report), error))
+    {
+        Complain(error);
+        written = false;
+    }
+    if (!options.picture.empty() &&
+        !WriteWholeFile(options.picture, TimelineSvg("Stimulation on " + report.rigName, report.phases), error))
+    {
+        Complain(error);
+        written = false;
+    }
+    return written;
+}
+
+} // namespace
+
+int Stimulate(const SOptions& options, CSession& session)
+{
+    CQsStimulationDeviceManager& manager = *session.Manager();
+    if (options.device && !ActivateByName(manager, *options.device))
+        return eExitBadUse;
+
+    int code = eExitDone;
+    SReport report = ReportOf(session.Rig());
+    for (unsigned number = 1; number <= options.repetitions && code == eExitDone; ++number)
+    {
+        report.phases.push_back(RunStimulation(manager, RequestOf(options, number)));
+        const SPhase& phase = report.phases.back();
+        const std::string why = WhyFailed(phase);
+        if (!why.empty())
+            Complain(why);
+        if (phase.interrupted)
+            Complain("interrupted: the stimulation was aborted");
+        if (!why.empty() || phase.interrupted)
+            code = eExitFailed;
+    }
+    report.lightOnAtEnd = report.phases.back().leftOn;
+    Print(options.json ? ReportJson(report) : Table(report.phases));
+    if (!WriteFiles(options, report) && code == eExitDone)
+        code = eExitBadUse;
+    return code;
+}
+
+} // namespace Stimhost

@@ -1,0 +1,163 @@
+#include "stimhost/Text.h"
+
+#include "host/QsSystem.h"
+
+#include <QSaveFile>
+#include <QString>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+
+namespace Stimhost {
+
+std::string Number(double value, int decimals)
+{
+    if (!std::isfinite(value))
+        return "-";
+    char text[400]; // the longest double has 309 digits before the point
+    const auto result = std::to_chars(text, text + sizeof(text), value, std::chars_format::fixed, decimals);
+    return result.ec == std::errc() ? std::string(text, result.ptr) : std::string("-");
+}
+
+std::string Padded(const std::string& text, std::size_t width, bool right)
+{
+    const auto characters = static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+    const std::string space(characters < width ? width - characters : 0, ' ');
+    return right ? space + text : text + space;
+}
+
+std::string ToUtf8(const CQsStringW& text)
+{
+    return text.ToUtf8();
+}
+
+CQsStringW FromUtf8(const std::string& text)
+{
+    return CQsStringW::FromUtf8(text);
+}
+
+void Print(const std::string& text)
+{
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
+
+static bool s_silent = false;
+
+void Say(const std::string& text)
+{
+    if (!s_silent)
+        Print(text);
+}
+
+void KeepSilent()
+{
+    s_silent = true;
+}
+
+void Complain(const std::string& line)
+{
+    const std::string text = "stimhost: " + line + "\n";
+    std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+bool WriteWholeFile(const std::string& path, const std::string& text, std::string& error)
+{
+    QSaveFile file(QString::fromStdString(path));
+    const auto size = static_cast<qint64>(text.size());
+    if (file.open(QIODevice::WriteOnly) && file.write(text.data(), size) == size && file.flush() && file.commit())
+        return true;
+    error = path + ": cannot be written: " + file.errorString().toStdString();
+    return false;
+}
+
+CJson::CJson() : m_writer(m_text)
+{
+    m_writer.SetIndent(' ', 2);
+}
+
+void CJson::Key(const char* key)
+{
+    if (key != nullptr)
+        m_writer.Key(key);
+}
+
+CJson& CJson::Object(const char* key)
+{
+    Key(key);
+    m_writer.StartObject();
+    return *this;
+}
+
+CJson& CJson::EndObject()
+{
+    m_writer.EndObject();
+    return *this;
+}
+
+CJson& CJson::Array(const char* key)
+{
+    Key(key);
+    m_writer.StartArray();
+    return *this;
+}
+
+CJson& CJson::EndArray()
+{
+    m_writer.EndArray();
+    return *this;
+}
+
+CJson& CJson::Text(const char* key, const std::string& value)
+{
+    Key(key);
+    return Element(value);
+}
+
+CJson& CJson::Integer(const char* key, long long value)
+{
+    Key(key);
+    m_writer.Int64(value);
+    return *this;
+}
+
+CJson& CJson::Flag(const char* key, bool value)
+{
+    Key(key);
+    m_writer.Bool(value);
+    return *this;
+}
+
+CJson& CJson::Time(const char* key, double ms)
+{
+    Key(key);
+    return Element(ms);
+}
+
+CJson& CJson::Element(const std::string& value)
+{
+    m_writer.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
+    return *this;
+}
+
+CJson& CJson::Element(double ms)
+{
+    if (!std::isfinite(ms))
+    {
+        m_writer.Null();
+        return *this;
+    }
+    const std::string text = Number(ms);
+    m_writer.RawValue(text.data(), text.size(), rapidjson::kNumberType);
+    return *this;
+}
+
+std::string CJson::Take()
+{
+    return std::string(m_text.GetString(), m_text.GetSize()) + "\n";
+}
+
+} // namespace Stimhost

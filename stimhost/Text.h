@@ -1,0 +1,65 @@
+// Text and files: numbers, JSON and atomic writing, for every command alike.
+#pragma once
+
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
+
+#include <string>
+
+class CQsStringW;
+
+namespace Stimhost {
+
+// Exit codes of the program.
+enum EExit : int
+{
+    eExitDone = 0,
+    eExitFailed = 1,  // a device or a stimulation failed, or a light was on at the end
+    eExitBadUse = 2,  // bad usage, bad input, or an output file that cannot be written
+    eExitInternal = 3 // an internal error, or the module is missing
+};
+
+// Fixed decimals, whatever the locale; "-" for a value that is not a number.
+std::string Number(double value, int decimals = 3);
+std::string Padded(const std::string& text, std::size_t width, bool right = false); // counts characters of UTF-8
+std::string ToUtf8(const CQsStringW& text);
+CQsStringW FromUtf8(const std::string& text);
+
+void Print(const std::string& text); // to stdout
+// The account of a run as it goes on: to stdout, unless the result is wanted as JSON.
+void Say(const std::string& text);
+void KeepSilent();
+// One line on stderr, with the program's name before it.
+void Complain(const std::string& line);
+
+// Replaces the file as a whole or leaves it as it was. False, with one line, when it cannot be written.
+bool WriteWholeFile(const std::string& path, const std::string& text, std::string& error);
+
+// Writer of one JSON document, three decimals for times, null for what is not a number.
+class CJson
+{
+public:
+    CJson();
+
+    CJson& Object(const char* key = nullptr);
+    CJson& EndObject();
+    CJson& Array(const char* key = nullptr);
+    CJson& EndArray();
+
+    CJson& Text(const char* key, const std::string& value);
+    CJson& Integer(const char* key, long long value);
+    CJson& Flag(const char* key, bool value);
+    CJson& Time(const char* key, double ms);
+    CJson& Element(const std::string& value);
+    CJson& Element(double ms);
+
+    std::string Take(); // the document with a line end
+
+private:
+    void Key(const char* key);
+
+    rapidjson::StringBuffer m_text;
+    rapidjson::PrettyWriter<rapidjson::StringBuffer> m_writer;
+};
+
+} // namespace Stimhost

@@ -1,0 +1,261 @@
+#include "stimhost/Timeline.h"
+
+#include "stimhost/Text.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+namespace Stimhost {
+
+namespace {
+
+// Picture units.
+constexpr double s_width = 1000.0;
+constexpr double s_margin = 24.0;
+constexpr double s_plotLeft = 200.0;
+constexpr double s_plotRight = 800.0;
+constexpr double s_headerHeight = 84.0;
+constexpr double s_panelTitle = 34.0;
+constexpr double s_laneHeight = 34.0;
+constexpr double s_barHeight = 14.0;
+constexpr double s_bandHeight = 24.0;
+constexpr double s_axisHeight = 30.0;
+constexpr double s_panelGap = 22.0;
+constexpr std::size_t s_mostPanels = 24;
+
+// Told apart also by people who do not see red and green.
+constexpr std::array<const char*, 6> s_colours = {"#0072b2", "#d55e00", "#009e73", "#a6761d", "#cc79a7", "#4b5bb5"};
+
+std::string Escaped(const std::string& text)
+{
+    std::string escaped;
+    for (const char c : text)
+        switch (c)
+        {
+        case '&': escaped += "&amp;"; break;
+        case '<': escaped += "&lt;"; break;
+        case '>': escaped += "&gt;"; break;
+        case '"': escaped += "&quot;"; break;
+        default:
+            // Control characters have no place in XML at all.
+            escaped += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
+        }
+    return escaped;
+}
+
+std::string Shortened(const std::string& text, std::size_t characters)
+{
+    std::size_t count = 0;
+    for (std::size_t i = 0; i < text.size(); ++i)
+        if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80 && ++count == characters && i + 1 < text.size())
+            return text.substr(0, i) + "\xE2\x80\xA6";
+    return text;
+}
+
+std::string At(double value)
+{
+    return Number(value, 2);
+}
+
+std::string TextAt(double x, double y, const std::string& text, const std::string& attributes)
+{
+    return "<text x=\"" + At(x) + "\" y=\"" + At(y) + "\" " + attributes + ">" + Escaped(text) + "</text>\n";
+}
+
+std::string Rectangle(double x, double y, double width, double height, const std::string& attributes)
+{
+    return "<rect x=\"" + At(x) + "\" y=\"" + At(y) + "\" width=\"" + At(width) + "\" height=\"" + At(height) + "\" " +
+           attributes + "/>\n";
+}
+
+std::string Vertical(double x, double top, double bottom, const std::string& attributes)
+{
+    return "<line x1=\"" + At(x) + "\" y1=\"" + At(top) + "\" x2=\"" + At(x) + "\" y2=\"" + At(bottom) + "\" " +
+           attributes + "/>\n";
+}
+
+// The roundest step that gives at most eight intervals.
+double TickStep(double span)
+{
+    const double magnitude = std::pow(10.0, std::floor(std::log10(span / 8.0)));
+    for (const double factor : {1.0, 2.0, 5.0})
+        if (span / (factor * magnitude) <= 8.0)
+            return factor * magnitude;
+    return 10.0 * magnitude;
+}
+
+class CTimeline
+{
+public:
+    CTimeline(const std::string& title, const std::vector<SPhase>& phases);
+    std::string Take() { return std::move(m_text); }
+
+private:
+    void Header(const std::string& title, double height);
+    void Panel(const SPhase& phase);
+    void Axis(double top, double bottom);
+    void Requested(const SPhase& phase, const std::string& device, double middle);
+    void Lane(const SPhase& phase, const SMeasured& light, double middle);
+    void Abort(const SPhase& phase, double top, double bottom);
+    double X(double ms) const { return s_plotLeft + (s_plotRight - s_plotLeft) * ms / m_spanMs; }
+    const char* Colour(const std::string& device);
+
+    std::string m_text;
+    std::vector<std::string> m_devices; // in order of appearance; the place gives the colour
+    double m_y = s_headerHeight;
+    double m_spanMs = 1.0;
+};
+
+std::size_t Lanes(const SPhase& phase)
+{
+    return std::max<std::size_t>(1, phase.lights.size());
+}
+
+double PanelHeight(const SPhase& phase)
+{
+    return s_panelTitle + s_laneHeight * static_cast<double>(Lanes(phase)) + s_axisHeight;
+}
+
+CTimeline::CTimeline(const std::string& title, const std::vector<SPhase>& phases)
+{
+    const std::size_t panels = std::min(phases.size(), s_mostPanels);
+    double height = s_headerHeight + s_margin;
+    for (std::size_t i = 0; i < panels; ++i)
+        height += PanelHeight(phases[i]) + s_panelGap;
+    Header(title, height);
+    for (std::size_t i = 0; i < panels; ++i)
+        Panel(phases[i]);
+    if (panels < phases.size())
+        m_text += TextAt(s_margin, m_y + 4.0, std::to_string(phases.size() - panels) + " more are in the report",
+                         "class=\"note\"");
+    m_text += "</svg>\n";
+}
+
+void CTimeline::Header(const std::string& title, double height)
+{
+    m_text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+             "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " + At(s_width) + " " + At(height) +
+             "\" width=\"" + At(s_width) + "\" height=\"" + At(height) + "\">\n"
+             "<title>" + Escaped(title) + "</title>\n"
+             "<style>text{font-family:'DejaVu Sans',Verdana,Arial,sans-serif;fill:#1f2933;font-size:12px}"
+             ".head{font-size:18px;font-weight:bold}.phase{font-size:13px;font-weight:bold}"
+             ".note{fill:#52606d;font-size:11px}.tick{fill:#52606d;font-size:10px}.abort{fill:#b00020;font-size:11px}"
+             ".band{fill:#e9eef4;stroke:#52606d;stroke-width:1;stroke-dasharray:4 3}</style>\n";
+    m_text += Rectangle(0.0, 0.0, s_width, height, "fill=\"#ffffff\"");
+    m_text += TextAt(s_margin, 34.0, title, "class=\"head\"");
+
+    double x = s_margin;
+    m_text += Rectangle(x, 50.0, 34.0, 12.0, "class=\"band\"");
+    m_text += TextAt(x + 42.0, 60.0, "requested", "class=\"note\"");
+    x += 130.0;
+    m_text += Rectangle(x, 50.0, 34.0, 12.0, std::string("rx=\"1.5\" fill=\"") + s_colours[0] + "\"");
+    m_text += TextAt(x + 42.0, 60.0, "measured light", "class=\"note\"");
+    x += 160.0;
+    m_text += Vertical(x, 48.0, 64.0, "stroke=\"#b00020\" stroke-width=\"2\"");
+    m_text += TextAt(x + 8.0, 60.0, "abort call", "class=\"note\"");
+    m_text += TextAt(s_width - s_margin, 60.0, "milliseconds from the start call; every panel has a scale of its own",
+                     "class=\"note\" text-anchor=\"end\"");
+}
+
+const char* CTimeline::Colour(const std::string& device)
+{
+    auto known = std::find(m_devices.begin(), m_devices.end(), device);
+    if (known == m_devices.end())
+        known = m_devices.insert(m_devices.end(), device);
+    return s_colours[static_cast<std::size_t>(known - m_devices.begin()) % s_colours.size()];
+}
+
+void CTimeline::Panel(const SPhase& phase)
+{
+    m_spanMs = std::max(phase.request.durationMs, 1.0);
+    for (const SMeasured& light : phase.lights)
+        for (const SPulse& pulse : light.pulses)
+            m_spanMs = std::max({m_spanMs, pulse.onMs, std::isnan(pulse.offMs) ? 0.0 : pulse.offMs});
+    m_spanMs *= 1.04;
+
+    const double height = PanelHeight(phase);
+    m_text += Rectangle(s_margin / 2.0, m_y, s_width - s_margin, height,
+                        "rx=\"6\" fill=\"#fafbfc\" stroke=\"#d3dae1\"");
+    m_text += TextAt(s_margin, m_y + 22.0, Shortened(phase.request.title, phase.WasAborted() ? 60 : 90), "class=\"phase\"");
+    m_text += TextAt(s_plotRight + 16.0, m_y + 22.0, "light", "class=\"note\"");
+    m_text += TextAt(s_width - s_margin, m_y + 22.0, "end against due", "class=\"note\" text-anchor=\"end\"");
+
+    const double top = m_y + s_panelTitle;
+    const double bottom = top + s_laneHeight * static_cast<double>(Lanes(phase));
+    Axis(top, bottom);
+    double middle = top + s_laneHeight / 2.0;
+    for (const SMeasured& light : phase.lights)
+    {
+        Lane(phase, light, middle);
+        middle += s_laneHeight;
+    }
+    if (phase.lights.empty())
+    {
+        Requested(phase, phase.device, middle);
+        m_text += TextAt(s_plotRight + 16.0, middle + 4.0, "no light", "class=\"abort\"");
+    }
+    Abort(phase, top, bottom);
+    m_y += height + s_panelGap;
+}
+
+void CTimeline::Axis(double top, double bottom)
+{
+    const double step = TickStep(m_spanMs);
+    const int decimals = std::max(0, static_cast<int>(-std::floor(std::log10(step))));
+    for (int i = 0; step * i <= m_spanMs; ++i)
+    {
+        const double x = X(step * i);
+        m_text += Vertical(x, top, bottom + 4.0, "stroke=\"#dde3ea\"");
+        m_text += TextAt(x, bottom + 17.0, Number(step * i, decimals) + (i == 0 ? " ms" : ""),
+                         "class=\"tick\" text-anchor=\"middle\"");
+    }
+}
+
+void CTimeline::Requested(const SPhase& phase, const std::string& device, double middle)
+{
+    m_text += TextAt(s_margin, middle + 4.0, Shortened(device, 24), "");
+    m_text += Rectangle(X(0.0), middle - s_bandHeight / 2.0, X(phase.request.durationMs) - X(0.0), s_bandHeight,
+                        "class=\"band\"");
+}
+
+void CTimeline::Lane(const SPhase& phase, const SMeasured& light, double middle)
+{
+    Requested(phase, light.device, middle);
+    const std::string fill = std::string("rx=\"1.5\" fill=\"") + Colour(light.device) + "\"";
+    for (const SPulse& pulse : light.pulses)
+    {
+        const bool on = std::isnan(pulse.offMs);
+        const double end = on ? m_spanMs : pulse.offMs;
+        m_text += Rectangle(X(pulse.onMs), middle - s_barHeight / 2.0, std::max(1.0, X(end) - X(pulse.onMs)), s_barHeight,
+                            fill);
+    }
+    const bool leftOn = std::isnan(light.EndMs());
+    m_text += TextAt(s_plotRight + 16.0, middle + 4.0, leftOn ? "left on" : Number(light.LitMs(), 1) + " ms",
+                     leftOn ? "class=\"abort\"" : "");
+    const double late = light.EndMs() - phase.DueMs();
+    if (!leftOn)
+        m_text += TextAt(s_width - s_margin, middle + 4.0, (late >= 0.0 ? "+" : "") + Number(late, 1) + " ms",
+                         "text-anchor=\"end\"");
+}
+
+void CTimeline::Abort(const SPhase& phase, double top, double bottom)
+{
+    if (!phase.WasAborted())
+        return;
+    const double x = X(phase.abortCalledMs);
+    m_text += Vertical(x, top - 2.0, bottom, "stroke=\"#b00020\" stroke-width=\"2\"");
+    m_text += TextAt(s_plotRight, top - 12.0,
+                     "abort at " + Number(phase.abortCalledMs, 1) + " ms, dark after " +
+                         Number(phase.AbortLatencyMs(), 1) + " ms",
+                     "class=\"abort\" text-anchor=\"end\"");
+}
+
+} // namespace
+
+std::string TimelineSvg(const std::string& title, const std::vector<SPhase>& phases)
+{
+    return CTimeline(title, phases).Take();
+}
+
+} // namespace Stimhost
