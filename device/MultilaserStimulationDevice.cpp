@@ -10,6 +10,7 @@ constexpr int s_noIdentity = -12;
 
 } // namespace
 
+CQsMultilaserStimulationDevice::CQsMultilaserStimulationDevice() = default;
 CQsMultilaserStimulationDevice::CQsMultilaserStimulationDevice(const CQsMultilaserStimulationDevice&) = default;
 CQsMultilaserStimulationDevice&
 CQsMultilaserStimulationDevice::operator=(const CQsMultilaserStimulationDevice&) = default;

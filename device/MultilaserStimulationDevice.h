@@ -10,7 +10,7 @@
 class QS_STIM_API CQsMultilaserStimulationDevice : public IQsStimulationDevice
 {
 public:
-    CQsMultilaserStimulationDevice() = default;
+    CQsMultilaserStimulationDevice();
     CQsMultilaserStimulationDevice(const CQsMultilaserStimulationDevice&);
     CQsMultilaserStimulationDevice& operator=(const CQsMultilaserStimulationDevice&);
     ~CQsMultilaserStimulationDevice() override;

@@ -170,8 +170,9 @@ int CQsShutterStimulationDevice::StimulationBegin(const SQsStimulationType& type
         m_eState = eTimed;
         m_dBeginTime = QS_GetTimeCounter();
         SetShutter(true);
-        // Only now: an abort of an earlier stimulation may have left the event signalled. Whoever aborts before this
-        // point closes the shutter, and it is closed once more after the wait.
+        // Only now, since an abort of an earlier stimulation may have left the event signalled. An abort between the
+        // opening and here closes the shutter but does not end the wait, and one before the opening does neither: who
+        // aborts repeats it until the stimulation has ended, as the manager does.
         ResetEvent(m_hStopEvent);
         WaitForSingleObject(m_hStopEvent, QsStimulationWaitMs(type.dDurationMs));
         SetShutter(false);

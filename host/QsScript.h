@@ -17,8 +17,9 @@ public:
     // on success, -9 for an empty name, an unknown kind or a flag's default other than 0, 1, false or true. [host]
     static int Register_Parameter(const wchar_t* name, unsigned kind, const wchar_t* defaultValue);
     // Registers a procedure. `moduleInstance` is the module that holds it; `parameters` names declared parameters,
-    // separated by ";", in the order of the procedure's arguments after the device: two texts and two flags. A procedure
-    // of that name is replaced. 0 on success, -9 when a name is empty, a parameter is not declared or does not fit.
+    // separated by ";", in the order of the procedure's arguments after the device: two texts and two flags. A
+    // procedure of that name is replaced. 0 on success, -9 when a name is empty, a parameter is not declared or does
+    // not fit.
     static int Register_ProcToGroupWithGUIProc(const wchar_t* name, const wchar_t* group, void* moduleInstance,
                                                const wchar_t* parameters, QsScriptDeviceProcedure procedure);
     // 0, or -13 when there is no such procedure.

@@ -53,8 +53,8 @@ public:
     CQsStringW& operator+=(const wchar_t* text);
 
     // printf-style, with one meaning on every system: %s and %ls are wide, %hs and %S narrow (UTF-8), %c a wide
-    // character, %p all digits of the address in capitals, numbers as in the C locale. Conversions: d i u x X c s S f F e
-    // E g G p %, flags # 0 - + space, width, precision, length hh, h, l, ll, I32, I64, j, z, t, L. A null text prints
+    // character, %p all digits of the address in capitals, numbers as in the C locale. Conversions: d i u x X c s S f F
+    // e E g G p %, flags # 0 - + space, width, precision, length hh, h, l, ll, I32, I64, j, z, t, L. A null text prints
     // "(null)"; an unknown conversion is copied as it stands.
     static CQsStringW Format(const wchar_t* format, ...);
     static CQsStringW FormatV(const wchar_t* format, std::va_list arguments);
@@ -93,8 +93,8 @@ private:
 // The host's translation of `text`; the text itself where there is none. `sourceFile` names the file that asks.
 QS_HOST_API CQsStringW QS_GetTranslation(const wchar_t* text, const char* sourceFile);
 
-// Number that `text` begins with after blanks ("1.50x" gives 1.5), in the C locale. False, and `value` unchanged, without
-// one or when it is too large for a double; "inf" and "nan" are no numbers.
+// Number that `text` begins with after blanks ("1.50x" gives 1.5), in the C locale. False, and `value` unchanged,
+// without one or when it is too large for a double; "inf" and "nan" are no numbers.
 QS_HOST_API bool QS_StringToDouble(const wchar_t* text, double& value);
 
 // Leading decimal digits after blanks and an optional sign; 0 when there are none; saturates.
@@ -166,7 +166,10 @@ public:
 
     static constexpr std::size_t s_parentCount = 9;
     const char* GetName() const noexcept { return m_name; }
-    const char* GetParent(std::size_t index) const noexcept { return index < s_parentCount ? m_parents[index] : nullptr; }
+    const char* GetParent(std::size_t index) const noexcept
+    {
+        return index < s_parentCount ? m_parents[index] : nullptr;
+    }
     std::size_t GetSize() const noexcept { return m_size; }
     QsClassConstructor GetConstructor() const noexcept { return m_constructor; }
 
@@ -262,7 +265,8 @@ public:
 
     // Whether an assignment may change the type of an existing item. Returns the previous setting; off at first.
     bool EnableTypeChange(bool enable);
-    // Removes every item of the list. A value becomes an empty list, which type changes must allow; else nothing happens.
+    // Removes every item of the list. A value becomes an empty list, which type changes must allow; else nothing
+    // happens.
     void ClearList();
     void Append(const CQsVariant& item); // to a value: as ClearList, then the item
 
@@ -328,8 +332,8 @@ public:
     double GetDouble(const wchar_t* key, double defaultValue) const;
     bool GetBool(const wchar_t* key, bool defaultValue) const;
     qs_int32 GetInt(const wchar_t* key, qs_int32 defaultValue) const; // an unsigned value converts bit by bit
-    // Copies at most `count` bytes and returns how many the store holds; 0 for a missing key. Bytes beyond them are left
-    // as they are.
+    // Copies at most `count` bytes and returns how many the store holds; 0 for a missing key. Bytes beyond them are
+    // left as they are.
     std::size_t GetBinary(const wchar_t* key, void* bytes, std::size_t count) const;
 
     std::size_t GetEntryCount() const;               // entries (values and levels) of the current level

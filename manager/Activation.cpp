@@ -129,12 +129,18 @@ int CQsStimulationDeviceManager::SetActive(const wchar_t* name, bool bFromMru)
         return entry != m_devices.end() && entry->second.pDevice != nullptr ? entry : m_devices.end();
     };
     auto found = find();
-    if (found != m_devices.end() && m_active != m_devices.end())
+    if (found != m_devices.end())
     {
-        m_active->second.bActive = false;
-        IQsStimulationDevice* const old = ActiveEntryDevice();
-        QsCallOr(QS_ERR_FAIL, L"SetActive", __LINE__, [old] { return old->SetActive(false); });
-        found = find(); // a device may remove devices when it is switched off
+        // Devices may activate others or remove themselves when they are switched off.
+        while (m_active != m_devices.end() && m_active->second.bActive)
+        {
+            m_active->second.bActive = false;
+            if (IQsStimulationDevice* const old = ActiveEntryDevice())
+                QsCallOr(QS_ERR_FAIL, L"SetActive", __LINE__, [old] { return old->SetActive(false); });
+        }
+        found = find();
+        if (found == m_devices.end())
+            m_active = m_devices.end(); // what was active is switched off
     }
     if (found == m_devices.end())
     {

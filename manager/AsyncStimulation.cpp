@@ -154,6 +154,7 @@ int CQsStimulationDeviceManager::StimulateTimedWithActiveAsync(const SQsStimulat
         return QS_ERR_FAIL;
     m_pFinish = finish;
     m_pUser = user;
+    ++m_run;
     if (pthread_create(&m_thread, nullptr, &StimulateTimedAsyncThreadProc, this) != 0)
     {
         m_pRequest.reset();
@@ -179,7 +180,7 @@ IQsStimulationDevice* CQsStimulationDeviceManager::DeviceForStimulation()
 void* CQsStimulationDeviceManager::StimulateTimedAsyncThreadProc(void* pManager)
 {
     auto& manager = *static_cast<CQsStimulationDeviceManager*>(pManager);
-    const CQsRegistryLock::CWorkerScope worker;
+    const CQsRegistryLock::CWorkerScope worker(manager.m_run);
 
     IQsStimulationDevice* const device = manager.DeviceForStimulation();
     // The request stays: a host that starts a stimulation without a device sees every later start refused until it
@@ -213,31 +214,43 @@ void* CQsStimulationDeviceManager::StimulateTimedAsyncThreadProc(void* pManager)
 
 int CQsStimulationDeviceManager::WaitForStimulationEnd(unsigned timeoutMs, bool bAbort)
 {
+    // Called out of a device or callback by an operation that has waited itself: what was started since has to wait for
+    // R before it reaches a device. While Update asks the devices what they are, the lists must not change.
+    if (m_lockR.IsChanging())
+        return m_bListing ? QS_ERR_FAIL : QS_OK;
+
     for (;;)
     {
         QsThread thread;
+        CQsRegistryLock::Run run = 0;
         {
             const CQsScopedLock<CQsThreadsMutex> lock(m_lockS);
             if (m_pRequest == nullptr)
-                return QS_OK;
+                break;
             thread = m_thread; // keeps the handle valid when the next stimulation starts
+            run = m_run;
         }
-        // From the finish function or out of the device: it would wait for itself.
-        if (CQsRegistryLock::IsWorkerThread())
-            return QS_ERR_FAIL;
+        const HANDLE hThread = pthread_getw32threadhandle_np(thread);
+        // From the finish function or out of the device: it would wait for itself. Out of a device-state callback: the
+        // device may wait for the callback.
+        const bool bAwaitsCaller = CQsRegistryLock::WorkerRun() == run || CQsRegistryLock::IsAnnouncingThread();
+        bool bEnded = false;
         {
-            const CQsRegistryLock::CParked parked(m_lockR);
-            if (pthreadCancelableTimedWait(pthread_getw32threadhandle_np(thread), timeoutMs) == 0)
-                return QS_OK;
+            const CQsRegistryLock::CParked parked(m_lockR, run);
+            bEnded = pthreadCancelableTimedWait(hThread, bAwaitsCaller ? 0 : timeoutMs) == 0;
         }
-        if (!bAbort)
+        if (bEnded)
+            break;
+        if (bAwaitsCaller || !bAbort)
             return QS_ERR_FAIL;
-        AbortActiveDevice();
+        AbortActiveDevice(run);
         timeoutMs = abortPollMs;
     }
+    m_lockR.BeginChange();
+    return QS_OK;
 }
 
-void CQsStimulationDeviceManager::AbortActiveDevice()
+void CQsStimulationDeviceManager::AbortActiveDevice(CQsRegistryLock::Run run)
 {
     IQsStimulationDevice* device = nullptr;
     {
@@ -249,7 +262,7 @@ void CQsStimulationDeviceManager::AbortActiveDevice()
         return;
     {
         // The worker may need R to get to where the abort reaches it.
-        const CQsRegistryLock::CParked parked(m_lockR);
+        const CQsRegistryLock::CParked parked(m_lockR, run);
         QsCallOr(QS_ERR_FAIL, L"StimulationAbort", __LINE__, [device] { return device->StimulationAbort(); });
     }
     CQsRTTI::Release(device);

@@ -8,20 +8,13 @@ void CQsStimulationDeviceManager::SetStimulationBeampathsDirty()
 
 int CQsStimulationDeviceManager::GetActiveStimulationBeampathId()
 {
-    const CQsScopedLock<CQsRecursiveMutex> lock(m_lockOC);
     return m_activeBeampathId;
 }
 
 void CQsStimulationDeviceManager::SetActiveStimulationBPId(int beampathId)
 {
-    {
-        const CQsScopedLock<CQsRecursiveMutex> lock(m_lockOC);
-        if (m_activeBeampathId == beampathId)
-            return;
-        m_activeBeampathId = beampathId;
-    }
-    // After the lock: callbacks may ask for anything, also for what waits for other locks.
-    FireCallbackForChange(eChangeActiveBeampath);
+    if (m_activeBeampathId.exchange(beampathId) != beampathId)
+        FireCallbackForChange(eChangeActiveBeampath);
 }
 
 IQsStimulationDevice* CQsStimulationDeviceManager::GetStimulationDeviceInterfaceForBeampath(int beampathId)

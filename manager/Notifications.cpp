@@ -76,7 +76,7 @@ int CQsStimulationDeviceManager::NotifyStimulationDeviceManagerEventListeners()
             continue;
         // Asked twice on purpose: the comparison and the kept value are two calls, and listeners rely on both. The second
         // answer is the result also when it is better.
-        if (listener->AvailableStimulationDevicesChanged() < result)
+        if (listener->AvailableStimulationDevicesChanged() < result && m_listeners.Contains(listener))
             result = listener->AvailableStimulationDevicesChanged();
     }
     return result;

@@ -2,6 +2,7 @@
 #include "manager/StimulationManager.h"
 
 #include "host/QsDevice.h"
+#include "manager/DeviceCall.h"
 
 #include <algorithm>
 #include <array>
@@ -321,7 +322,9 @@ void CQsStimulationDeviceManager::DeviceListRemoveAll(std::vector<IQsStimulation
     for (IQsStimulationDevice* const device : removed)
     {
         // By name, as the map is keyed: where two devices share a name the entry that goes may be the other's.
-        const auto entry = m_devices.find(device->GetUniqueName());
+        const CQsStringW name =
+            QsCallOr(CQsStringW(), L"GetUniqueName", __LINE__, [device] { return device->GetUniqueName(); });
+        const auto entry = m_devices.find(name);
         if (entry != m_devices.end())
         {
             if (entry == m_active)
@@ -370,18 +373,26 @@ void CQsStimulationDeviceManager::OptConfDevicesRemoveAll()
 // the device map until the next Update, under its name and flags but without the device.
 void CQsStimulationDeviceManager::ForgetDeviceUnlessListed(IQsStimulationDevice* device)
 {
+    const auto isStatic = [device](const SQsDeviceInfo& info) { return info.pDevice == device; };
     if (m_simpleDevices.count(device) != 0 || Contains(m_specialDevices, device) ||
-        Contains(m_optConfDevices, device) || Contains(m_shutters, device))
+        Contains(m_optConfDevices, device) || Contains(m_shutters, device) ||
+        std::any_of(m_staticDevices.begin(), m_staticDevices.end(), isStatic))
         return;
-    for (auto& entry : m_devices)
+    for (auto entry = m_devices.begin(); entry != m_devices.end(); ++entry)
     {
-        if (entry.second.pDevice == device)
-        {
-            entry.second.pDevice = nullptr;
-            if (m_bDatabaseMode)
-                CQsRTTI::Release(device);
-        }
+        if (entry->second.pDevice != device)
+            continue;
+        if (entry == m_active)
+            m_active = m_devices.end();
+        entry->second.pDevice = nullptr;
+        if (m_bDatabaseMode)
+            CQsRTTI::Release(device);
     }
+    ForgetIds(device);
+}
+
+void CQsStimulationDeviceManager::ForgetIds(IQsStimulationDevice* device)
+{
     const CQsScopedLock<CQsMutex> lock(m_lockIds);
     EraseDevice(m_devicesByLogDevId, device);
     EraseDevice(m_devicesByPhysDevId, device);
@@ -446,14 +457,26 @@ int CQsStimulationDeviceManager::GetStimulationDevicesForPhysDevId(unsigned id, 
     return DevicesForId(m_devicesByPhysDevId, id, devices);
 }
 
+// Asks in ascending order of ids, and after the lock: a device may announce its state, which takes R.
 template <class Query>
 bool CQsStimulationDeviceManager::AnyBeampathDevice(Query query)
 {
-    const CQsScopedLock<CQsRecursiveMutex> lock(m_lockBeampath);
-    for (const auto& entry : m_beampathDevices)
-        if (entry.second != nullptr && query(*entry.second))
-            return true;
-    return false;
+    std::vector<IQsStimulationDevice*> devices;
+    {
+        const CQsScopedLock<CQsRecursiveMutex> lock(m_lockBeampath);
+        for (const auto& entry : m_beampathDevices)
+        {
+            CQsRTTI::AddRef(entry.second);
+            devices.push_back(entry.second);
+        }
+    }
+    bool bAny = false;
+    for (IQsStimulationDevice* const device : devices)
+    {
+        bAny = bAny || (device != nullptr && query(*device));
+        CQsRTTI::Release(device);
+    }
+    return bAny;
 }
 
 bool CQsStimulationDeviceManager::QueryFeatureSupported(unsigned featureId)
@@ -466,10 +489,10 @@ bool CQsStimulationDeviceManager::QueryFeatureEnabled(unsigned featureId)
     return AnyBeampathDevice([featureId](IQsStimulationDevice& device) { return device.IsFeatureEnabled(featureId); });
 }
 
-CQsStimulationDeviceManager::SQsInfoEx::SQsInfoEx(const wchar_t* name, IQsStimulationDevice* device) : pDevice(device)
+CQsStimulationDeviceManager::SQsInfoEx::SQsInfoEx(CQsStringW name, IQsStimulationDevice* device) : pDevice(device)
 {
     bVisible = true;
-    sName = name;
+    sName = std::move(name);
     sDisplayName = device->GetLocalizedStringForUI(0);
     if (sDisplayName.IsEmpty())
         sDisplayName = sName;

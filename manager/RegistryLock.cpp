@@ -4,36 +4,54 @@
 
 namespace {
 
-thread_local unsigned t_workerScopes = 0;
+thread_local CQsRegistryLock::Run t_run = 0;
+thread_local unsigned t_announcements = 0;
 
 } // namespace
 
-CQsRegistryLock::CWorkerScope::CWorkerScope()
+CQsRegistryLock::CWorkerScope::CWorkerScope(Run run)
 {
-    ++t_workerScopes;
+    t_run = run;
 }
 
 CQsRegistryLock::CWorkerScope::~CWorkerScope()
 {
-    --t_workerScopes;
+    t_run = 0;
 }
 
-bool CQsRegistryLock::IsWorkerThread()
+CQsRegistryLock::Run CQsRegistryLock::WorkerRun()
 {
-    return t_workerScopes != 0;
+    return t_run;
+}
+
+CQsRegistryLock::CStateAnnouncement::CStateAnnouncement(CQsRegistryLock& lock) : m_lock(lock)
+{
+    m_lock.Acquire(true);
+    ++t_announcements;
+}
+
+CQsRegistryLock::CStateAnnouncement::~CStateAnnouncement()
+{
+    --t_announcements;
+    m_lock.unlock();
+}
+
+bool CQsRegistryLock::IsAnnouncingThread()
+{
+    return t_announcements != 0;
 }
 
 void CQsRegistryLock::lock()
 {
-    Acquire(IsWorkerThread());
+    Acquire(false);
 }
 
-void CQsRegistryLock::LockForStateAnnouncement()
+bool CQsRegistryLock::IsLent(const SHolder& holder, bool bAnnouncement) const
 {
-    Acquire(true);
+    return holder.parking.depth == holder.depth && (bAnnouncement || holder.parking.awaited == t_run);
 }
 
-void CQsRegistryLock::Acquire(bool bMayBorrow)
+void CQsRegistryLock::Acquire(bool bAnnouncement)
 {
     const std::thread::id self = std::this_thread::get_id();
     const auto isSelf = [self](const SHolder& holder) { return holder.thread == self; };
@@ -48,12 +66,13 @@ void CQsRegistryLock::Acquire(bool bMayBorrow)
             return;
         }
         // A thread that is parked further down gets in again when the borrowers after it are done.
-        const bool bHoldsAlready = std::any_of(m_holders.begin(), m_holders.end(), isSelf);
-        if (bMayBorrow && !bHoldsAlready && last.parkedDepth == last.depth)
+        if (IsLent(last, bAnnouncement) && std::none_of(m_holders.begin(), m_holders.end(), isSelf))
             break;
         m_changed.wait(guard);
     }
-    m_holders.push_back({self, 1, 0});
+    m_holders.emplace_back();
+    m_holders.back().thread = self;
+    m_holders.back().depth = 1;
 }
 
 void CQsRegistryLock::unlock()
@@ -61,33 +80,53 @@ void CQsRegistryLock::unlock()
     {
         const std::lock_guard<std::mutex> guard(m_mutex);
         SHolder& last = m_holders.back();
-        if (--last.depth == 0)
+        --last.depth;
+        if (last.depth < last.changeDepth)
+            last.changeDepth = 0;
+        if (last.depth == 0)
             m_holders.pop_back();
-        else if (last.depth != last.parkedDepth)
+        else if (last.depth != last.parking.depth)
             return; // still held, and by nobody who waits
     }
     m_changed.notify_all();
 }
 
-int CQsRegistryLock::Park()
+std::optional<CQsRegistryLock::SParking> CQsRegistryLock::Park(Run awaited)
 {
-    int previous = notHeld;
+    SParking previous;
     {
         const std::lock_guard<std::mutex> guard(m_mutex);
         if (m_holders.empty() || m_holders.back().thread != std::this_thread::get_id())
-            return notHeld;
+            return std::nullopt;
         SHolder& last = m_holders.back();
-        previous = static_cast<int>(last.parkedDepth);
-        last.parkedDepth = last.depth;
+        previous = last.parking;
+        last.parking = {last.depth, awaited};
     }
     m_changed.notify_all();
     return previous;
 }
 
-void CQsRegistryLock::Unpark(int previous)
+void CQsRegistryLock::Unpark(const SParking& previous)
 {
     const std::thread::id self = std::this_thread::get_id();
     std::unique_lock<std::mutex> guard(m_mutex);
     m_changed.wait(guard, [&] { return m_holders.back().thread == self; });
-    m_holders.back().parkedDepth = static_cast<unsigned>(previous);
+    m_holders.back().parking = previous;
+}
+
+void CQsRegistryLock::BeginChange()
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    if (m_holders.empty() || m_holders.back().thread != std::this_thread::get_id())
+        return;
+    SHolder& last = m_holders.back();
+    if (last.changeDepth == 0)
+        last.changeDepth = last.depth;
+}
+
+bool CQsRegistryLock::IsChanging()
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return !m_holders.empty() && m_holders.back().thread == std::this_thread::get_id() &&
+           m_holders.back().changeDepth != 0;
 }

@@ -58,7 +58,8 @@ public:
     using DeviceStateCallback = void (*)(IQsStimulationDevice* device, unsigned state);
     using OCCommandCallback = void (*)(unsigned command);
     // End of a timed asynchronous stimulation. The arrays hold `count` times [ms of QS_GetTimeCounter], -1.0 where a
-    // device gave none; they are null when there are no times, and valid during the call only. [worker]
+    // device gave none, and are valid during the call only. They are null, with a count of 0, for a device in mode 7 without
+    // areas and when the stimulation failed before it began. [worker]
     using StimulationFinishFunction = void (*)(int result, double* beginTimes, double* endTimes, unsigned count,
                                                void* user);
 
@@ -97,7 +98,8 @@ public:
     struct SQsInfoEx : SQsInfo
     {
         SQsInfoEx() = default;
-        SQsInfoEx(const wchar_t* name, IQsStimulationDevice* device);
+        SQsInfoEx(const wchar_t* name, IQsStimulationDevice* device) : SQsInfoEx(CQsStringW(name), device) {}
+        SQsInfoEx(CQsStringW name, IQsStimulationDevice* device);
 
         IQsStimulationDevice* pDevice = nullptr;
     };
@@ -155,7 +157,8 @@ public:
     int GetStimulationDevicesForLogDevId(unsigned id, std::set<IQsStimulationDevice*>& devices);
     int GetStimulationDevicesForPhysDevId(unsigned id, std::set<IQsStimulationDevice*>& devices);
 
-    // Whether a device of any stimulation beampath supports / has enabled the feature. [any thread]
+    // Whether a device of any stimulation beampath supports / has enabled the feature. The devices are asked in ascending
+    // order of beampath ids, until the first that says yes. [any thread]
     bool QueryFeatureSupported(unsigned featureId);
     bool QueryFeatureEnabled(unsigned featureId);
 
@@ -183,9 +186,9 @@ public:
     // place of the recently used list and nothing before it can be activated. [host, takes R, blocks]
     int SetActiveV4(bool bActive);
 
-    bool GetAutoActivateV4Behaviour() const { return m_bAutoActivateV4Behaviour; }
-    bool GetDoNotUseVDMStyle() const { return m_bDoNotUseVDMStyle; }
-    void Save(); // writes the ten most recently used names to the user's registry [host, no lock]
+    bool GetAutoActivateV4Behaviour() const { return m_bAutoActivateV4Behaviour; } // [any thread]
+    bool GetDoNotUseVDMStyle() const { return m_bDoNotUseVDMStyle; }               // [any thread]
+    void Save(); // writes the ten most recently used names to the user's registry; failures are silent [any thread]
 
     // --- notifications (Notifications.cpp)
     //
@@ -249,6 +252,7 @@ private:
     void DeviceListAdd(std::vector<IQsStimulationDevice*>& list, IQsStimulationDevice* device);
     void DeviceListRemoveAll(std::vector<IQsStimulationDevice*>& list);
     void ForgetDeviceUnlessListed(IQsStimulationDevice* device) QS_REQUIRES(m_lockR);
+    void ForgetIds(IQsStimulationDevice* device);
     static int DevicesForId(const DeviceIdMap& map, unsigned id, std::set<IQsStimulationDevice*>& devices);
     template <class Query>
     bool AnyBeampathDevice(Query query);
@@ -264,7 +268,7 @@ private:
     static void* StimulateTimedAsyncThreadProc(void* manager) QS_NO_THREAD_SAFETY_ANALYSIS;
     IQsStimulationDevice* DeviceForStimulation();
     int WaitForStimulationEnd(unsigned timeoutMs, bool bAbort);
-    void AbortActiveDevice();
+    void AbortActiveDevice(CQsRegistryLock::Run run);
 
     void FillDeviceMap() QS_REQUIRES(m_lockR);
     void InsertEntry(std::optional<SQsInfoEx> entry) QS_REQUIRES(m_lockR);
@@ -289,9 +293,11 @@ private:
     DeviceIdMap m_devicesByPhysDevId QS_GUARDED_BY(m_lockIds);
     CQsMutex m_lockIds; // a leaf, so that lookups by id never wait for R
     DeviceMap::iterator m_active QS_GUARDED_BY(m_lockR);
+    bool m_bListing = false; // Update asks the devices what they are; only its own thread, which holds R, looks at it
 
-    int m_activeBeampathId QS_GUARDED_BY(m_lockOC) = 0;
-    CQsRecursiveMutex m_lockOC; // also held while OC-command callbacks run
+    // Read under R: so not guarded by the OC lock, whose callbacks may take R.
+    std::atomic<int> m_activeBeampathId{0};
+    CQsRecursiveMutex m_lockOC; // held while OC-command callbacks run
 
     std::vector<CQsStringW> m_mru QS_GUARDED_BY(m_lockMru); // most recent first; not cut in memory
     mutable CQsMutex m_lockMru;                             // a leaf
@@ -315,6 +321,7 @@ private:
     StimulationFinishFunction m_pFinish QS_GUARDED_BY(m_lockS) = nullptr;
     void* m_pUser QS_GUARDED_BY(m_lockS) = nullptr;
     QsThread m_thread QS_GUARDED_BY(m_lockS){};
+    CQsRegistryLock::Run m_run QS_GUARDED_BY(m_lockS) = 0; // number of the last stimulation
     CQsThreadsMutex m_lockS;
     CQsRegistryLock m_lockR;
     CQsThreadsMutex m_lockT; // reserved

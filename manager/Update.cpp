@@ -9,12 +9,24 @@ constexpr int statusNoDevice = -13;
 
 constexpr unsigned updateTimeoutMs = 5000;
 
+// Update asks the devices what they are.
+struct SListing
+{
+    explicit SListing(bool& bListing) : m_bListing(bListing) { m_bListing = true; }
+    ~SListing() { m_bListing = false; }
+    SListing(const SListing&) = delete;
+    SListing& operator=(const SListing&) = delete;
+
+private:
+    bool& m_bListing;
+};
+
 // What the device map shall say of a device; nothing for one that is not listed.
 using Description = std::optional<CQsStimulationDeviceManager::SQsInfoEx>;
 
-Description Describe(const CQsStringW& name, IQsStimulationDevice& device, bool bVisible)
+Description Describe(CQsStringW name, IQsStimulationDevice& device, bool bVisible)
 {
-    Description description(std::in_place, name.c_str(), &device);
+    Description description(std::in_place, std::move(name), &device);
     description->bVisible = bVisible;
     return description;
 }
@@ -43,8 +55,11 @@ int CQsStimulationDeviceManager::Update()
     CQsRTTI::AddRef(previous);
 
     EmptyDeviceMap();
-    FillDeviceMap();
-    FillIdMaps();
+    {
+        const SListing listing(m_bListing);
+        FillDeviceMap();
+        FillIdMaps();
+    }
     SetStimulationBeampathsDirty();
 
     // Also when it is chosen again below: a device sees every activation begin with "off".
@@ -71,14 +86,9 @@ int CQsStimulationDeviceManager::ActivateAfterUpdate()
     return SetActive(first.sName.c_str(), false);
 }
 
+// The lookups by id keep their content until FillIdMaps changes it at once: they do not wait for the rebuild.
 void CQsStimulationDeviceManager::EmptyDeviceMap()
 {
-    m_active = m_devices.end();
-    {
-        const CQsScopedLock<CQsMutex> lock(m_lockIds);
-        m_devicesByLogDevId.clear();
-        m_devicesByPhysDevId.clear();
-    }
     DeviceMap old;
     old.swap(m_devices);
     m_active = m_devices.end();
@@ -91,15 +101,23 @@ void CQsStimulationDeviceManager::EmptyDeviceMap()
 void CQsStimulationDeviceManager::FillDeviceMap()
 {
     for (SQsDeviceInfo& info : m_staticDevices)
+    {
+        // A device whose module is gone is released; lookups by id, which do not wait for the rebuild, must forget it first.
+        IQsStimulationDevice* const before = info.pDevice;
+        CQsRTTI::AddRef(before);
         InsertEntry(QsCallOr(Description(), L"a static device's description", __LINE__,
                              [&info]
                              {
                                  CQsStringW name;
                                  IQsStimulationDevice* device = nullptr;
                                  return info.IsHwConnected(name, &device)
-                                            ? Describe(name, *device, info.IsDeviceVisible())
+                                            ? Describe(std::move(name), *device, info.IsDeviceVisible())
                                             : Description();
                              }));
+        if (before != nullptr && before != info.pDevice)
+            ForgetIds(before);
+        CQsRTTI::Release(before);
+    }
     for (IQsStimulationDevice* const device : m_specialDevices)
         InsertEntry(DescribeItself(*device, true));
     for (IQsStimulationDevice* const device : m_optConfDevices)

@@ -201,6 +201,7 @@ SSimulatedDeviceSettings ReadDeviceSettings(const char* className, const SSimula
     const std::string fault = ReadInto(settings, QsStandalone::GetDeviceSettings(className));
     if (fault.empty())
         return settings;
+    QsStandalone::ReportSettingsFault(className, fault);
     DiagOutputExW(L"SimulatedDevices", __LINE__, L"Settings of %hs - %hs; the defaults are used", className,
                   fault.c_str());
     return defaults;

@@ -33,6 +33,6 @@ struct SSimulatedDeviceSettings
     double ignoreAbortMs = 0.0; // aborts that come within this time of StimulationBegin are refused with -9
 };
 
-// The settings that the host holds for `className`, over `defaults`. Where they are malformed one line goes to the log
-// and the device has its defaults.
+// The settings that the host holds for `className`, over `defaults`. Where they are malformed the host is told, one
+// line goes to the log, and the device has its defaults.
 SSimulatedDeviceSettings ReadDeviceSettings(const char* className, const SSimulatedDeviceSettings& defaults);

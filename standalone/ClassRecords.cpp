@@ -139,8 +139,8 @@ public:
             catch (const SDamage& damage)
             {
                 if (module.error.empty())
-                    module.error = module.path + ": class record at byte " + std::to_string(m_begin) + " of section \"" +
-                                   recordSection + "\": " + damage.what();
+                    module.error = module.path + ": class record at byte " + std::to_string(m_begin) +
+                                   " of section \"" + recordSection + "\": " + damage.what();
             }
         }
     }
@@ -156,9 +156,8 @@ private:
 
     char16_t Unit(std::size_t offset) const
     {
-        const auto byte = [this](std::size_t at) -> unsigned {
-            return at < m_bytes.size() ? static_cast<unsigned char>(m_bytes[at]) : 0;
-        };
+        const auto byte = [this](std::size_t at) -> unsigned
+        { return at < m_bytes.size() ? static_cast<unsigned char>(m_bytes[at]) : 0; };
         return static_cast<char16_t>(byte(offset) | (byte(offset + 1) << 8));
     }
 
@@ -201,7 +200,8 @@ void Read(SModuleFile& module)
     if (!section.found)
         return;
     module.section = recordSection;
-    CRecordReader(file.substr(static_cast<std::size_t>(section.offset), static_cast<std::size_t>(section.size))).Run(module);
+    CRecordReader(file.substr(static_cast<std::size_t>(section.offset), static_cast<std::size_t>(section.size)))
+        .Run(module);
 }
 
 } // namespace

@@ -23,9 +23,9 @@ void CClassRegistry::Add(const CQsClassInfo& info)
 void CClassRegistry::Remove(const CQsClassInfo& info)
 {
     const CQsScopedLock<CQsMutex> guard(m_lock);
-    m_coded.erase(std::remove_if(m_coded.begin(), m_coded.end(),
-                                 [&info](const SCoded& coded) { return coded.info == &info; }),
-                  m_coded.end());
+    m_coded.erase(
+        std::remove_if(m_coded.begin(), m_coded.end(), [&info](const SCoded& coded) { return coded.info == &info; }),
+        m_coded.end());
     // The module goes: what it gave out as constructor goes with it.
     for (SRecorded& recorded : m_recorded)
         if (recorded.constructor == info.GetConstructor())
@@ -44,9 +44,9 @@ void CClassRegistry::AddModule(const SModuleFile& module)
 
     for (const SClassRecord& record : module.classes)
     {
-        const auto recorded = std::find_if(m_recorded.begin(), m_recorded.end(), [&record](const SRecorded& other) {
-            return other.record.className == record.className;
-        });
+        const auto recorded =
+            std::find_if(m_recorded.begin(), m_recorded.end(),
+                         [&record](const SRecorded& other) { return other.record.className == record.className; });
         if (recorded != m_recorded.end())
         {
             if (recorded->module == module.path)
@@ -68,9 +68,8 @@ std::vector<SModuleFile> CClassRegistry::Modules() const
 
 void CClassRegistry::ForgetModules(const std::vector<std::string>& paths)
 {
-    const auto listed = [&paths](const std::string& path) {
-        return std::find(paths.begin(), paths.end(), path) != paths.end();
-    };
+    const auto listed = [&paths](const std::string& path)
+    { return std::find(paths.begin(), paths.end(), path) != paths.end(); };
     const CQsScopedLock<CQsMutex> guard(m_lock);
     m_modules.erase(std::remove_if(m_modules.begin(), m_modules.end(),
                                    [&listed](const SModuleFile& module) { return listed(module.path); }),
@@ -148,8 +147,9 @@ std::vector<SKnownClass> CClassRegistry::Classes() const
     for (const SCoded& coded : m_coded)
     {
         const CQsClassInfo& info = *coded.info;
-        const bool listed = std::any_of(classes.begin(), classes.end(),
-                                        [&info](const SKnownClass& known) { return known.className == info.GetName(); });
+        const bool listed =
+            std::any_of(classes.begin(), classes.end(),
+                        [&info](const SKnownClass& known) { return known.className == info.GetName(); });
         if (listed)
             continue;
         SKnownClass known{info.GetName(), {}, {}, coded.module, true};

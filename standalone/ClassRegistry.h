@@ -1,8 +1,8 @@
 // What the class registry and the plug-in manager share: every class that is known, from records in module files and
 // from registration in code.
 //
-// Its lock is a leaf: it is never held while a module is loaded, a constructor runs or an object is asked, nor while the
-// system's loader is asked for anything, since the loader's own lock is held when a module's classes register.
+// Its lock is a leaf: it is never held while a module is loaded, a constructor runs or an object is asked, nor while
+// the system's loader is asked for anything, since the loader's own lock is held when a module's classes register.
 #pragma once
 
 #include "host/QsSystem.h"

@@ -20,13 +20,13 @@ struct SShutterNode
     SShutterNode* next = nullptr; // in its bucket
 };
 
+// Shutters by id, read without a lock: a command may come from a light's critical path. Nodes are put in front and
+// never freed, since a thread may be inside a shutter that was removed.
+constexpr std::size_t bucketCount = 64;
+std::array<std::atomic<SShutterNode*>, bucketCount> s_buckets{};
+
 struct SDevices
 {
-    // Shutters by id, read without a lock: a command may come from a light's critical path. Nodes are put in front and
-    // never freed, since a thread may be inside a shutter that was removed.
-    static constexpr std::size_t bucketCount = 64;
-    std::array<std::atomic<SShutterNode*>, bucketCount> buckets{};
-
     CQsMutex lock;
     std::vector<std::unique_ptr<SShutterNode>> nodes QS_GUARDED_BY(lock); // every one there ever was
     std::vector<SShutterNode*> shutters QS_GUARDED_BY(lock);              // those of now, in the order of adding
@@ -43,7 +43,7 @@ SDevices& Devices()
 
 CQsSimulatedShutter* Find(std::uint32_t logDevId)
 {
-    const auto& bucket = Devices().buckets[logDevId % SDevices::bucketCount];
+    const auto& bucket = s_buckets[logDevId % bucketCount];
     for (SShutterNode* node = bucket.load(std::memory_order_acquire); node; node = node->next)
         if (node->shutter.Id() == logDevId)
             return &node->shutter;
@@ -108,7 +108,7 @@ bool CQsDeviceManager::AddShutter(const SShutterSetup& setup, std::string& error
     SShutterNode* node = devices.nodes.back().get();
     devices.shutters.push_back(node);
     Enter(devices, setup.logDevId, setup.physDevId, setup.databaseId);
-    auto& bucket = devices.buckets[setup.logDevId % SDevices::bucketCount];
+    auto& bucket = s_buckets[setup.logDevId % bucketCount];
     node->next = bucket.load(std::memory_order_relaxed);
     bucket.store(node, std::memory_order_release);
     return true;
@@ -174,7 +174,7 @@ void CQsDeviceManager::Reset()
         shutter->Disconnect();
     SDevices& devices = Devices();
     CQsScopedLock<CQsMutex> lock(devices.lock);
-    for (auto& bucket : devices.buckets)
+    for (auto& bucket : s_buckets)
         bucket.store(nullptr, std::memory_order_release);
     devices.shutters.clear();
     devices.physicalIds.clear();
@@ -190,7 +190,7 @@ CQsDMApiBool DMApi::Shutter_SetState(CDMApi_LogDevId_Shutter id, bool bOpen, boo
 {
     CQsSimulatedShutter* shutter = QsStandalone::Find(id.value);
     // There is no trigger that a shutter could wait for.
-    return shutter != nullptr && !bTriggered && shutter->SetState(bOpen, bWait);
+    return shutter != nullptr && shutter->SetState(bOpen, bTriggered, bWait);
 }
 
 CDMApi_LogDevIndex_Shutter DMApi::Shutter_GetIndex(CDMApi_LogDevId_Shutter id)

@@ -41,7 +41,7 @@ public:
         // After a failure every line tries anew, in case there is room again.
         if (!m_stream.is_open() && !Reopen())
             return Failed();
-        if (m_maxBytes != 0 && m_size > 0 && m_size + line.size() > m_maxBytes)
+        if (m_isFile && m_maxBytes != 0 && m_size > 0 && m_size + line.size() > m_maxBytes)
             Rotate();
         m_stream.write(line.data(), static_cast<std::streamsize>(line.size()));
         m_stream.flush();
@@ -63,8 +63,16 @@ private:
     {
         std::error_code code;
         m_stream.clear();
+        // Opening a pipe would wait for its reader, and a full one would hold up whoever logs.
+        const fs::file_status before = fs::status(m_path, code);
+        if (fs::exists(before) && !fs::is_regular_file(before) && !fs::is_character_file(before))
+        {
+            errno = fs::is_directory(before) ? EISDIR : EINVAL;
+            return false;
+        }
         m_stream.open(m_path, std::ios::binary | std::ios::app);
-        const std::uintmax_t size = fs::is_regular_file(m_path, code) ? fs::file_size(m_path, code) : 0;
+        m_isFile = fs::is_regular_file(m_path, code);
+        const std::uintmax_t size = m_isFile ? fs::file_size(m_path, code) : 0;
         m_size = code ? 0 : size;
         return m_stream.is_open();
     }
@@ -100,6 +108,7 @@ private:
     fs::path m_path;
     std::uint64_t m_maxBytes = 0;
     unsigned m_keep = 0;
+    bool m_isFile = false; // a device is never renamed
     std::ofstream m_stream;
     std::uint64_t m_size = 0;
     bool m_reported = false;
@@ -226,8 +235,7 @@ void DiagOutputExW(const wchar_t* unit, int line, const wchar_t* format, ...)
         QsStandalone::Write(std::move(entry));
     }
     catch (...) // a line that cannot be kept is lost; what it reports on goes on
-    {
-    }
+    {}
     va_end(arguments);
 }
 

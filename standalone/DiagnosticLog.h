@@ -31,11 +31,12 @@ public:
     static void SetLevel(ELogLevel level);
     static ELogLevel GetLevel();
     static void ToStderr(bool on);
-    static void ToMemory(bool on);           // off also drops what was kept
+    static void ToMemory(bool on); // off also drops what was kept
     static std::vector<SLogLine> MemoryLines();
-    // Appends UTF-8 lines to a file. A file that would pass maxBytes is renamed to "<path>.1", older ones to .2 and so on
-    // up to `keep`, the oldest goes. An empty path ends it. False, with one line, when the file cannot be opened; a disk
-    // that fills up later is reported once on stderr and the log goes on in its other sinks.
+    // Appends UTF-8 lines to a file. A file that would pass maxBytes is renamed to "<path>.1", older ones to .2 and so
+    // on up to `keep`, the oldest goes; maxBytes 0: it is never renamed. An empty path ends it. False, with one line,
+    // when the file cannot be opened: then the log goes on as before. A disk that fills up later is reported once on
+    // stderr, the log goes on in its other sinks, and in the file when there is room again.
     static bool ToFile(const std::string& path, std::uint64_t maxBytes, unsigned keep, std::string& error);
 };
 

@@ -37,8 +37,9 @@ bool QsStandalone::ReadFileContents(const std::string& path, std::uint64_t maxBy
         if (code)
             return Fail(path, "cannot be read: " + code.message(), error);
         if (size > maxBytes)
-            return Fail(path, "has " + std::to_string(size) + " bytes, at most " + std::to_string(maxBytes) +
-                                  " are expected", error);
+            return Fail(path,
+                        "has " + std::to_string(size) + " bytes, at most " + std::to_string(maxBytes) + " are expected",
+                        error);
 
         std::ifstream stream(file, std::ios::binary);
         if (!stream)

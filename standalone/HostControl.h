@@ -42,5 +42,9 @@ QS_HOST_API std::vector<SKnownClass> KnownClasses(); // in registry order
 // a JSON object as text, "{}" when nothing was set. Plug-ins read them when an object is made. [any thread]
 QS_HOST_API void SetDeviceSettings(const std::string& name, const std::string& json);
 QS_HOST_API std::string GetDeviceSettings(const std::string& name);
+// A plug-in that finds its settings wrong says so in one line; the host asks after making devices. Taking empties the
+// list. [any thread]
+QS_HOST_API void ReportSettingsFault(const std::string& name, const std::string& text);
+QS_HOST_API std::vector<std::string> TakeSettingsFaults(); // "<name>: <text>"
 
 } // namespace QsStandalone

@@ -9,11 +9,19 @@
 
 namespace QsStandalone {
 
+std::atomic<bool> g_journalRecords{true};
+
 namespace {
+
+bool Records()
+{
+    return g_journalRecords.load(std::memory_order_relaxed);
+}
 
 struct SJournal
 {
-    std::atomic<bool> recording{true};
+    SJournal() { entries.reserve(4096); } // a growing list would delay what is written
+
     CQsMutex lock;
     std::vector<SJournalEntry> entries QS_GUARDED_BY(lock);
     // A device that was lit once keeps its place, so that switching it again allocates nothing.
@@ -50,9 +58,9 @@ void Append(SJournal& journal, EJournalKind kind, const std::string& device, con
 
 void Write(EJournalKind kind, const std::string& device, const std::string& text, int status)
 {
-    SJournal& journal = Journal();
-    if (!journal.recording.load(std::memory_order_relaxed))
+    if (!Records())
         return;
+    SJournal& journal = Journal();
     CQsScopedLock<CQsMutex> lock(journal.lock);
     Append(journal, kind, device, text, status);
 }
@@ -63,7 +71,7 @@ void Light(bool on, const std::string& device, const std::string& text)
     SJournal& journal = Journal();
     CQsScopedLock<CQsMutex> lock(journal.lock);
     journal.lit.try_emplace(device, false).first->second.store(on);
-    if (journal.recording.load(std::memory_order_relaxed))
+    if (Records())
         Append(journal, on ? EJournalKind::LightOn : EJournalKind::LightOff, device, text, 0);
 }
 
@@ -141,19 +149,19 @@ std::vector<std::string> CQsJournal::LitDevices()
 
 void CQsJournal::SetRecording(bool record)
 {
-    Journal().recording.store(record);
+    g_journalRecords.store(record);
 }
 
 bool CQsJournal::IsRecording()
 {
-    return Journal().recording.load(std::memory_order_relaxed);
+    return Records();
 }
 
 CQsJournalLight::CQsJournalLight(std::string device) : m_device(std::move(device)), m_lit(LitState(m_device)) {}
 
 void CQsJournalLight::Switch(bool on)
 {
-    if (CQsJournal::IsRecording())
+    if (Records())
         Light(on, m_device, {});
     else
         m_lit.store(on, std::memory_order_release);

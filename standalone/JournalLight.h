@@ -6,6 +6,9 @@
 
 namespace QsStandalone {
 
+// What CQsJournal::IsRecording answers, for a caller to whom a function call is dear.
+extern std::atomic<bool> g_journalRecords;
+
 // Writes the same entries, and changes the same lit state, as CQsJournal::LightOn and LightOff with the device's name.
 // While nothing is recorded a switch is one atomic store. [any thread]
 class CQsJournalLight

@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstddef>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <set>
@@ -316,20 +317,31 @@ std::string QuoteForMessage(const std::string& text)
 
 bool ReadJsonFile(const std::string& path, SJsonValue& root, SJsonFault& fault)
 {
+    std::error_code ignored;
+    const std::filesystem::file_status status = std::filesystem::status(path, ignored);
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) // a pipe would be waited for
+    {
+        fault = {1, "expected a file that can be read, found something else"};
+        return false;
+    }
     std::ifstream file(path, std::ios::binary);
     if (!file)
     {
         fault = {1, "expected a file that can be read, found none"};
         return false;
     }
-    std::string text(longestFile + 1, '\0');
-    file.read(&text[0], static_cast<std::streamsize>(text.size()));
-    if (file.bad() || (file.gcount() == 0 && !file.eof()))
+    std::string text;
+    char block[16384];
+    do
+    {
+        file.read(block, sizeof block);
+        text.append(block, static_cast<std::size_t>(file.gcount()));
+    } while (file && text.size() <= longestFile);
+    if (file.bad())
     {
         fault = {1, "expected a file that can be read, found something else"};
         return false;
     }
-    text.resize(static_cast<std::size_t>(file.gcount()));
     if (text.size() > longestFile)
     {
         fault = {1, "expected a file of at most " + std::to_string(longestFile >> 20) + " MiB, found a longer one"};

@@ -120,9 +120,9 @@ void CQsLiteVariantW::CloseLevel()
 // ------------------------------------------------------------------------------------------------------------ reader
 
 CQsLiteVariantR::CQsLiteVariantR() : m_root(new SQsLiteLevel), m_path{m_root} {}
-CQsLiteVariantR::CQsLiteVariantR(const CQsLiteVariantW& writer) : m_root(CopyOf(*writer.m_root).release()), m_path{m_root}
-{
-}
+CQsLiteVariantR::CQsLiteVariantR(const CQsLiteVariantW& writer)
+    : m_root(CopyOf(*writer.m_root).release()), m_path{m_root}
+{}
 
 CQsLiteVariantR::~CQsLiteVariantR()
 {

@@ -1,5 +1,6 @@
 // A library for object files reads symbols, relocations and resources too, and a damaged count in one of these makes it
-// take hundreds of megabytes. Here nothing is read but the headers and the section table, each number checked against the file.
+// take hundreds of megabytes. Here nothing is read but the headers and the section table, each number checked against
+// the file.
 #include "standalone/ObjectFile.h"
 
 namespace QsStandalone {
@@ -66,7 +67,8 @@ SSection FindElfSection(const std::string& file, const std::string& wanted)
         throw SDamage("the ELF file has no section names");
 
     // Section header: name, type, flags, address, offset, size.
-    const auto rangeOf = [&](std::uint64_t index) {
+    const auto rangeOf = [&](std::uint64_t index)
+    {
         constexpr std::uint64_t takesNoRoom = 8;
         const std::uint64_t header = table + headerSize * index;
         SSection section{true, bytes.Number(header + (is64 ? 0x18 : 0x10), word),

@@ -28,8 +28,9 @@ struct SSection
 };
 
 EObjectFormat FormatOf(const std::string& file);
-// The first section of that name. Throws SDamage when the headers, the section table or a section reach beyond the file's
-// end, or the headers are none of a little-endian file of 32 or 64 bits. Takes no memory, whatever the file holds.
+// The first section of that name. Throws SDamage when the headers, the section table or a section reach beyond the
+// file's end, or the headers are none of a little-endian file of 32 or 64 bits. Takes no memory, whatever the file
+// holds.
 SSection FindSection(const std::string& file, const std::string& name);
 
 } // namespace QsStandalone

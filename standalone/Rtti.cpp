@@ -75,7 +75,8 @@ IQsInterface* ConstructAndQuery(QsClassConstructor constructor, const char* clas
     std::unique_ptr<IQsInterface> object(constructor(file, static_cast<unsigned>(line)));
     if (!object)
     {
-        DiagOutputExW(registryUnit, __LINE__, L"class %hs cannot be created: its constructor made no object", className);
+        DiagOutputExW(registryUnit, __LINE__, L"class %hs cannot be created: its constructor made no object",
+                      className);
         return nullptr;
     }
     IQsInterface* result = nullptr;
@@ -114,9 +115,8 @@ unsigned CQsClass::AddRef()
 
 unsigned CQsClass::Release()
 {
-    const unsigned before = m_references.load(std::memory_order_relaxed) == 0
-                                ? 0
-                                : m_references.fetch_sub(1, std::memory_order_acq_rel);
+    const unsigned before =
+        m_references.load(std::memory_order_relaxed) == 0 ? 0 : m_references.fetch_sub(1, std::memory_order_acq_rel);
     if (before > 1)
         return before - 1;
     delete this;
@@ -141,10 +141,9 @@ void CQsClass::operator delete(void* memory) noexcept
 CQsClassInfo::CQsClassInfo(const char* name, const char* parent1, const char* parent2, const char* parent3,
                            const char* parent4, const char* parent5, const char* parent6, const char* parent7,
                            const char* parent8, const char* parent9, std::size_t size, QsClassConstructor constructor)
-    : m_name(name != nullptr ? name : ""),
-      m_parents{parent1, parent2, parent3, parent4, parent5, parent6, parent7, parent8, parent9},
-      m_size(size),
-      m_constructor(constructor)
+    : m_name(name != nullptr ? name : ""), m_parents{parent1, parent2, parent3, parent4, parent5,
+                                                     parent6, parent7, parent8, parent9},
+      m_size(size), m_constructor(constructor)
 {
     CClassRegistry::Instance().Add(*this);
 }

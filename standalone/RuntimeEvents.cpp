@@ -1,8 +1,8 @@
 // Application run-time events: who wants to hear of which, and their broadcast.
 //
 // Consumers are called without the lock, so that they may register, unregister and broadcast themselves. Unregistering
-// returns when no other thread is inside the consumer any more: its owner destroys it next. So the owner must not hold a
-// lock that its event handler takes.
+// returns when no other thread is inside the consumer any more: its owner destroys it next. So the owner must not hold
+// a lock that its event handler takes.
 #include "host/QsDMApi.h"
 #include "host/QsPluginManager.h"
 #include "platform/ThreadSafety.h"
@@ -122,18 +122,19 @@ private:
     void EndCall(IQsDMApiPluginNotification* consumer)
     {
         const CQsScopedLock<CQsMutex> guard(m_lock);
-        const auto own = std::find_if(m_calls.begin(), m_calls.end(), [consumer](const SCall& call) {
-            return call.consumer == consumer && call.thread == std::this_thread::get_id();
-        });
+        const auto own = std::find_if(m_calls.begin(), m_calls.end(),
+                                      [consumer](const SCall& call) {
+                                          return call.consumer == consumer && call.thread == std::this_thread::get_id();
+                                      });
         m_calls.erase(own);
         m_callEnded.notify_all();
     }
 
     bool IsCalledElsewhere(IQsDMApiPluginNotification* consumer) const QS_REQUIRES(m_lock)
     {
-        return std::any_of(m_calls.begin(), m_calls.end(), [consumer](const SCall& call) {
-            return call.consumer == consumer && call.thread != std::this_thread::get_id();
-        });
+        return std::any_of(m_calls.begin(), m_calls.end(),
+                           [consumer](const SCall& call)
+                           { return call.consumer == consumer && call.thread != std::this_thread::get_id(); });
     }
 
     void Wait() QS_REQUIRES(m_lock)
@@ -178,7 +179,8 @@ void DMApi::AppRntm_UnregisterEvent(IQsDMApiPluginNotification* consumer, const 
     Events().RemoveEvent(consumer, eventName);
 }
 
-unsigned CQsPluginManager::AppRntm_HandleEvent(const wchar_t* eventName, int /*argument1*/, int /*argument2*/, void* context)
+unsigned CQsPluginManager::AppRntm_HandleEvent(const wchar_t* eventName, int /*argument1*/, int /*argument2*/,
+                                               void* context)
 {
     return eventName != nullptr ? Events().Broadcast(eventName, context) : 0;
 }

@@ -57,7 +57,8 @@ std::vector<std::string> Split(const std::string& names)
 // A device procedure takes two texts and two flags after the device.
 bool FitsProcedure(const std::vector<SScriptParameter>& parameters)
 {
-    const unsigned kinds[] = {CQsScript::s_kindText, CQsScript::s_kindText, CQsScript::s_kindFlag, CQsScript::s_kindFlag};
+    const unsigned kinds[] = {CQsScript::s_kindText, CQsScript::s_kindText, CQsScript::s_kindFlag,
+                              CQsScript::s_kindFlag};
     return std::equal(parameters.begin(), parameters.end(), std::begin(kinds), std::end(kinds),
                       [](const SScriptParameter& parameter, unsigned kind) { return parameter.kind == kind; });
 }
@@ -80,8 +81,8 @@ bool OrderValues(const SScriptProcedure& procedure, std::map<std::string, std::s
             given.erase(found);
         if (parameter.kind == CQsScript::s_kindFlag && !FlagOf(values.back()))
         {
-            error = procedure.name + ": " + parameter.name + " is \"" + values.back() +
-                    "\", expected 0, 1, false or true";
+            error =
+                procedure.name + ": " + parameter.name + " is \"" + values.back() + "\", expected 0, 1, false or true";
             return false;
         }
     }
@@ -130,7 +131,8 @@ bool CQsScriptHost::Call(const std::string& procedure, const std::string& device
         const CQsStringW wideDevice = CQsStringW::FromUtf8(device);
         const CQsStringW image = CQsStringW::FromUtf8(values[0]);
         const CQsStringW pattern = CQsStringW::FromUtf8(values[1]);
-        result = called.function(wideDevice.c_str(), image.c_str(), pattern.c_str(), *FlagOf(values[2]), *FlagOf(values[3]));
+        result =
+            called.function(wideDevice.c_str(), image.c_str(), pattern.c_str(), *FlagOf(values[2]), *FlagOf(values[3]));
         return true;
     }
     catch (const std::exception& e)

@@ -5,6 +5,7 @@
 #include "standalone/Journal.h"
 
 #include <algorithm>
+#include <array>
 #include <system_error>
 #include <thread>
 
@@ -14,9 +15,17 @@ namespace {
 
 constexpr int statusRefused = QS_ERR_FAIL;
 
-std::string CommandText(bool open)
+// Made once: a command to close the light must not wait for memory.
+const std::string& CommandText(bool open, bool triggered, bool wait)
 {
-    return open ? "Shutter_SetState(open)" : "Shutter_SetState(close)";
+    static const std::array<std::string, 8> texts = [] {
+        std::array<std::string, 8> all;
+        for (std::size_t i = 0; i < all.size(); ++i)
+            all[i] = std::string("Shutter_SetState(") + (i & 4 ? "open" : "close") + (i & 2 ? ", true" : ", false") +
+                     (i & 1 ? ", true)" : ", false)");
+        return all;
+    }();
+    return texts[(open ? 4u : 0u) + (triggered ? 2u : 0u) + (wait ? 1u : 0u)];
 }
 
 // The platform's waits take whole milliseconds, a blade does not, so it waits for itself. A timed wait for a signalled
@@ -54,13 +63,13 @@ std::uint32_t CQsSimulatedShutter::Calls()
     return m_calls;
 }
 
-bool CQsSimulatedShutter::SetState(bool open, bool wait)
+bool CQsSimulatedShutter::SetState(bool open, bool triggered, bool wait)
 {
-    const bool recording = CQsJournal::IsRecording();
+    const bool recording = g_journalRecords.load(std::memory_order_relaxed);
     CQsScopedLock<CQsMutex> lock(m_lock);
     if (recording)
-        CQsJournal::Call(m_setup.name, CommandText(open));
-    const SCommand command = Accept();
+        CQsJournal::Call(m_setup.name, CommandText(open, triggered, wait));
+    const SCommand command = triggered ? SCommand() : Accept(); // there is no trigger
     bool done = command.accepted && (m_calls != m_setup.hangAtCall || Hang(command.number));
     if (done)
     {
@@ -85,7 +94,7 @@ bool CQsSimulatedShutter::SetState(bool open, bool wait)
         }
     }
     if (recording)
-        CQsJournal::Return(m_setup.name, CommandText(open), done ? QS_OK : statusRefused);
+        CQsJournal::Return(m_setup.name, CommandText(open, triggered, wait), done ? QS_OK : statusRefused);
     return done;
 }
 

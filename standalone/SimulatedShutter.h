@@ -30,7 +30,8 @@ public:
     std::uint32_t Calls();
 
     // True when the blade has come to rest as asked; without `wait` when it has been sent there. [blocks]
-    bool SetState(bool open, bool wait);
+    // A triggered command is refused and not counted.
+    bool SetState(bool open, bool triggered, bool wait);
     void WakeHangs(); // after the hangs were released
     // Springs shut at once and forgets every command under way. True when it was open, or on its way.
     bool ForceClosed();

@@ -78,12 +78,18 @@ private:
     {
         switch (*m_format)
         {
-        case L'-': return c.left = true;
-        case L'+': return c.plus = true;
-        case L' ': return c.space = true;
-        case L'#': return c.alternate = true;
-        case L'0': return c.zero = true;
-        default: return false;
+        case L'-':
+            return c.left = true;
+        case L'+':
+            return c.plus = true;
+        case L' ':
+            return c.space = true;
+        case L'#':
+            return c.alternate = true;
+        case L'0':
+            return c.zero = true;
+        default:
+            return false;
         }
     }
 
@@ -147,24 +153,41 @@ private:
     {
         switch (c.type)
         {
-        case L'%': m_out += L'%'; return true;
+        case L'%':
+            m_out += L'%';
+            return true;
         case L'd':
-        case L'i': PutSigned(c); return true;
+        case L'i':
+            PutSigned(c);
+            return true;
         case L'u':
         case L'x':
-        case L'X': PutInteger(c, ReadUnsigned(c.length), L""); return true;
-        case L'p': PutPointer(c); return true;
+        case L'X':
+            PutInteger(c, ReadUnsigned(c.length), L"");
+            return true;
+        case L'p':
+            PutPointer(c);
+            return true;
         case L'c':
-        case L'C': PutCharacter(c); return true;
-        case L's': c.length == ELength::Short ? PutNarrow(c) : PutWide(c); return true;
-        case L'S': c.length == ELength::Long ? PutWide(c) : PutNarrow(c); return true;
+        case L'C':
+            PutCharacter(c);
+            return true;
+        case L's':
+            c.length == ELength::Short ? PutNarrow(c) : PutWide(c);
+            return true;
+        case L'S':
+            c.length == ELength::Long ? PutWide(c) : PutNarrow(c);
+            return true;
         case L'f':
         case L'F':
         case L'e':
         case L'E':
         case L'g':
-        case L'G': PutDouble(c); return true;
-        default: return false;
+        case L'G':
+            PutDouble(c);
+            return true;
+        default:
+            return false;
         }
     }
 
@@ -187,12 +210,18 @@ private:
     {
         switch (length)
         {
-        case ELength::Char: return static_cast<signed char>(va_arg(m_arguments, int));
-        case ELength::Short: return static_cast<short>(va_arg(m_arguments, int));
-        case ELength::Long: return va_arg(m_arguments, long);
-        case ELength::LongLong: return va_arg(m_arguments, long long);
-        case ELength::Size: return va_arg(m_arguments, std::ptrdiff_t);
-        default: return va_arg(m_arguments, int);
+        case ELength::Char:
+            return static_cast<signed char>(va_arg(m_arguments, int));
+        case ELength::Short:
+            return static_cast<short>(va_arg(m_arguments, int));
+        case ELength::Long:
+            return va_arg(m_arguments, long);
+        case ELength::LongLong:
+            return va_arg(m_arguments, long long);
+        case ELength::Size:
+            return va_arg(m_arguments, std::ptrdiff_t);
+        default:
+            return va_arg(m_arguments, int);
         }
     }
 
@@ -200,12 +229,18 @@ private:
     {
         switch (length)
         {
-        case ELength::Char: return static_cast<unsigned char>(va_arg(m_arguments, unsigned));
-        case ELength::Short: return static_cast<unsigned short>(va_arg(m_arguments, unsigned));
-        case ELength::Long: return va_arg(m_arguments, unsigned long);
-        case ELength::LongLong: return va_arg(m_arguments, unsigned long long);
-        case ELength::Size: return va_arg(m_arguments, std::size_t);
-        default: return va_arg(m_arguments, unsigned);
+        case ELength::Char:
+            return static_cast<unsigned char>(va_arg(m_arguments, unsigned));
+        case ELength::Short:
+            return static_cast<unsigned short>(va_arg(m_arguments, unsigned));
+        case ELength::Long:
+            return va_arg(m_arguments, unsigned long);
+        case ELength::LongLong:
+            return va_arg(m_arguments, unsigned long long);
+        case ELength::Size:
+            return va_arg(m_arguments, std::size_t);
+        default:
+            return va_arg(m_arguments, unsigned);
         }
     }
 
@@ -298,7 +333,8 @@ private:
         return std::wstring(text.data(), result.ptr);
     }
 
-    // %#g keeps the zeros behind the point, so the form is chosen here: fixed for exponents from -4 up to the precision.
+    // %#g keeps the zeros behind the point, so the form is chosen here: fixed for exponents from -4 up to the
+    // precision.
     static std::wstring GeneralWithZeros(double number, std::size_t precision)
     {
         const std::wstring scientific = Digits(number, std::chars_format::scientific, precision - 1);

@@ -44,7 +44,8 @@ public:
     bool Key(const char* text, rapidjson::SizeType length, bool)
     {
         m_key = CQsStringW::FromUtf8(std::string(text, length)).Std();
-        return m_catalogue.count(m_key) == 0 || Refuse("\"" + std::string(text, length) + "\" stands here a second time");
+        return m_catalogue.count(m_key) == 0 ||
+               Refuse("\"" + std::string(text, length) + "\" stands here a second time");
     }
 
     bool String(const char* text, rapidjson::SizeType length, bool)
@@ -90,7 +91,8 @@ bool LoadTranslations(const std::string& path, std::string& error)
 
     if (contents.find('\0') != std::string::npos)
     {
-        error = path + ":" + std::to_string(LineAt(contents, contents.find('\0'))) + ": expected text, found a zero byte";
+        error =
+            path + ":" + std::to_string(LineAt(contents, contents.find('\0'))) + ": expected text, found a zero byte";
         return false;
     }
 
@@ -103,7 +105,8 @@ bool LoadTranslations(const std::string& path, std::string& error)
         reader.Parse<rapidjson::kParseInsituFlag | rapidjson::kParseValidateEncodingFlag>(stream, handler);
     if (result.IsError())
     {
-        const std::string what = handler.Refusal().empty() ? rapidjson::GetParseError_En(result.Code()) : handler.Refusal();
+        const std::string what =
+            handler.Refusal().empty() ? rapidjson::GetParseError_En(result.Code()) : handler.Refusal();
         error = path + ":" + std::to_string(LineAt(contents, result.Offset())) + ": " + what;
         return false;
     }

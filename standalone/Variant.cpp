@@ -17,8 +17,7 @@ CQsVariant::CQsVariant(double value, const wchar_t* name) : m_type(Type::Double)
 CQsVariant::CQsVariant(bool value, const wchar_t* name) : m_type(Type::Bool), m_name(name), m_bool(value) {}
 CQsVariant::CQsVariant(std::uint32_t value, const wchar_t* name)
     : m_type(Type::Unsigned), m_name(name), m_unsigned(value)
-{
-}
+{}
 
 bool CQsVariant::EnableTypeChange(bool enable)
 {
@@ -67,10 +66,14 @@ double CQsVariant::ToDouble() const
 {
     switch (m_type)
     {
-    case Type::Double: return m_double;
-    case Type::Bool: return m_bool ? 1.0 : 0.0;
-    case Type::Unsigned: return m_unsigned;
-    case Type::List: break;
+    case Type::Double:
+        return m_double;
+    case Type::Bool:
+        return m_bool ? 1.0 : 0.0;
+    case Type::Unsigned:
+        return m_unsigned;
+    case Type::List:
+        break;
     }
     return 0.0;
 }
@@ -79,10 +82,14 @@ bool CQsVariant::ToBool() const
 {
     switch (m_type)
     {
-    case Type::Double: return m_double != 0.0;
-    case Type::Bool: return m_bool;
-    case Type::Unsigned: return m_unsigned != 0;
-    case Type::List: break;
+    case Type::Double:
+        return m_double != 0.0;
+    case Type::Bool:
+        return m_bool;
+    case Type::Unsigned:
+        return m_unsigned != 0;
+    case Type::List:
+        break;
     }
     return false;
 }
@@ -96,9 +103,12 @@ std::uint32_t CQsVariant::ToUnsigned() const
         if (!std::isfinite(m_double) || m_double <= 0.0)
             return 0;
         return m_double >= most ? most : static_cast<std::uint32_t>(m_double);
-    case Type::Bool: return m_bool ? 1 : 0;
-    case Type::Unsigned: return m_unsigned;
-    case Type::List: break;
+    case Type::Bool:
+        return m_bool ? 1 : 0;
+    case Type::Unsigned:
+        return m_unsigned;
+    case Type::List:
+        break;
     }
     return 0;
 }

@@ -4,12 +4,11 @@
 
 #include "platform/Export.h"
 #include "standalone/DeviceManager.h"
+#include "stimhost/Bounded.h"
 #include "stimhost/Interruption.h"
 #include "stimhost/Session.h"
-#include "stimhost/Stimulation.h"
 #include "stimhost/Text.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 
@@ -56,11 +55,25 @@ int RunAndCatch(const SOptions& options)
     catch (const std::exception& e)
     {
         Complain(std::string("internal error: ") + e.what());
-        return eExitInternal;
     }
+    catch (...) // out of a device
+    {
+        Complain("internal error: not a standard exception");
+    }
+    return eExitInternal;
 }
 
 } // namespace
+
+int PutLightsOut(int code)
+{
+    for (const std::string& light : LeaveNoLight())
+    {
+        Complain("a light was still on: " + light + "; it has been switched off");
+        code = code == eExitDone ? eExitFailed : code;
+    }
+    return code;
+}
 
 } // namespace Stimhost
 
@@ -76,13 +89,7 @@ int StimhostMain(int argc, char** argv)
         Complain("interrupts cannot be handled, so nothing is started");
         return eExitInternal;
     }
-    int code = RunAndCatch(options);
-    for (const std::string& light : LeaveNoLight())
-    {
-        Complain("a light was still on: " + light + "; it has been switched off");
-        code = code == eExitDone ? eExitFailed : code;
-    }
-    std::fflush(stdout);
+    const int code = CodeAfterOutput(PutLightsOut(RunAndCatch(options)));
     if (ThreadsAreLeftBehind())
         std::_Exit(code); // they may still be inside a device; nothing of it may be tidied away under them
     return code;

@@ -19,12 +19,16 @@ int RegistryShow(const SOptions& options);
 int RigCheck(const SOptions& options);
 int Stimulate(const SOptions& options, CSession& session);
 
-// Before the session is opened: the folder for the results, and a registry that is not the user's. False, with one line.
+// Before the session is opened: the folder for the results, and a registry that is not the user's. False, with one
+// line.
 bool PrepareDemo(const SOptions& options, std::string& error);
 int Demo(const SOptions& options, CSession& session);
 
 // Classes and devices, as a person reads them.
 std::string ListText(CQsStimulationDeviceManager& manager);
+
+// Leaves no light on, with one line for each that was; the exit code that follows from it.
+int PutLightsOut(int code);
 
 // Activates a device; a name that is unknown, or a device that cannot be activated, gets one line and false.
 bool ActivateByName(CQsStimulationDeviceManager& manager, const std::string& name);

@@ -129,7 +129,8 @@ void CDemo::Found()
     bool loaded = false;
     for (const QsStandalone::SKnownClass& known : QsStandalone::KnownClasses())
         loaded = loaded || (known.className == "CQsShutterStimulationDevice" && known.moduleLoaded);
-    m_promises.Check(loaded, "the stimulation module was found by its records and loaded", loaded ? "it is" : "it is not");
+    m_promises.Check(loaded, "the stimulation module was found by its records and loaded",
+                     loaded ? "it is" : "it is not");
     m_promises.Check(m_manager.GetDeviceCount() > 0, "the rig has devices", std::to_string(m_manager.GetDeviceCount()));
     FindDevices();
 }
@@ -310,8 +311,8 @@ int CDemo::Finish(const SOptions& options)
                                       [](const SPromise& promise) { return !promise.kept; });
     if (options.json)
         Print(ReportJson(m_report));
-    Say("\n" + std::to_string(m_report.promises.size()) + " promises, " + std::to_string(broken) + " broken; " + report +
-          ", " + timeline + "\n");
+    Say("\n" + std::to_string(m_report.promises.size()) + " promises, " + std::to_string(broken) + " broken; " +
+        report + ", " + timeline + "\n");
     return broken == 0 ? eExitDone : eExitFailed;
 }
 

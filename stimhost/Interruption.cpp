@@ -3,8 +3,11 @@
 #include "platform/Interrupt.h"
 #include "platform/ThreadSafety.h"
 #include "standalone/DeviceManager.h"
+#include "stimhost/Session.h"
 #include "stimhost/Text.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
 
 namespace Stimhost {
@@ -13,9 +16,10 @@ namespace {
 
 struct SState
 {
+    std::atomic<unsigned> interrupts{0};
     CQsMutex lock;
-    std::function<void()> hook QS_GUARDED_BY(lock);
-    bool interrupted QS_GUARDED_BY(lock) = false;
+    std::function<void()> abort QS_GUARDED_BY(lock);
+    std::function<void()> stop QS_GUARDED_BY(lock);
 };
 
 // Never destroyed: the interrupts' thread may use it until the process is gone.
@@ -25,28 +29,37 @@ SState& State()
     return state;
 }
 
-[[noreturn]] void CloseAndEnd()
+// Shutters first, since they are quick, and again at the end: what still ran may have opened one.
+[[noreturn]] void StopAndEnd(const std::function<void()>& stop)
 {
-    for (const std::string& shutter : QsStandalone::CQsDeviceManager::CloseAllShutters())
-        Complain("interrupted: " + shutter + " was open and has been closed");
+    std::vector<std::string> closed = QsStandalone::CQsDeviceManager::CloseAllShutters();
+    if (stop)
+        stop();
+    for (std::string& light : LeaveNoLight())
+        if (std::find(closed.begin(), closed.end(), light) == closed.end())
+            closed.push_back(std::move(light));
+    for (const std::string& light : closed)
+        Complain("interrupted: the light of " + light + " was on and has been switched off");
     std::_Exit(eExitFailed);
 }
 
 void OnInterruption()
 {
     SState& state = State();
+    const unsigned interrupts = ++state.interrupts;
+    if (interrupts > 2) // without a word: stderr may be what we hang on
     {
-        // The hook runs under the lock, so that it cannot go away meanwhile; it only wakes a thread.
-        const CQsScopedLock<CQsMutex> hold(state.lock);
-        const bool first = !state.interrupted;
-        state.interrupted = true;
-        if (first && state.hook)
-        {
-            state.hook();
-            return;
-        }
+        QsStandalone::CQsDeviceManager::CloseAllShutters();
+        std::_Exit(eExitFailed);
     }
-    CloseAndEnd();
+    std::function<void()> stop;
+    {
+        const CQsScopedLock<CQsMutex> hold(state.lock);
+        if (interrupts == 1 && state.abort)
+            return state.abort();
+        stop = state.stop;
+    }
+    StopAndEnd(stop);
 }
 
 } // namespace
@@ -59,24 +72,25 @@ bool HandleInterruptions()
 
 bool WasInterrupted()
 {
-    const CQsScopedLock<CQsMutex> hold(State().lock);
-    return State().interrupted;
+    return State().interrupts != 0;
 }
 
-CInterruptionHook::CInterruptionHook(std::function<void()> hook)
+CInterruptionHook::CInterruptionHook(std::function<void()> abort, std::function<void()> stop)
 {
     SState& state = State();
     const CQsScopedLock<CQsMutex> hold(state.lock);
-    state.hook = std::move(hook);
-    if (state.interrupted)
-        state.hook();
+    state.abort = std::move(abort);
+    state.stop = std::move(stop);
+    if (state.interrupts != 0)
+        state.abort();
 }
 
 CInterruptionHook::~CInterruptionHook()
 {
     SState& state = State();
     const CQsScopedLock<CQsMutex> hold(state.lock);
-    state.hook = nullptr;
+    state.abort = nullptr;
+    state.stop = nullptr;
 }
 
 } // namespace Stimhost

@@ -5,20 +5,20 @@
 
 namespace Stimhost {
 
-// From now on the first interrupt calls the hook that is set. Without a hook, and at the second interrupt, every shutter
-// is closed and the process ends at once with exit code 1. Call it before other threads are started. False when the
-// system refuses.
+// From now on the first interrupt calls the hook that is set. Without a hook, and at the second interrupt, what runs is
+// stopped within a second, every shutter is closed and the process ends with exit code 1. The third one does not wait
+// for the device. Call it before other threads are started. False when the system refuses.
 bool HandleInterruptions();
 
 // Whether there was an interrupt. [any thread]
 bool WasInterrupted();
 
-// Sets the hook for the time of its life; called on the interrupts' own thread, at once when there was an interrupt
-// already.
+// Sets the hook for the time of its life: `abort` only asks for the end, at once when there was an interrupt already;
+// `stop` waits for it and may be called after the hook's life. Both run on an interrupt's own thread.
 class CInterruptionHook
 {
 public:
-    explicit CInterruptionHook(std::function<void()> hook);
+    CInterruptionHook(std::function<void()> abort, std::function<void()> stop);
     ~CInterruptionHook();
     CInterruptionHook(const CInterruptionHook&) = delete;
     CInterruptionHook& operator=(const CInterruptionHook&) = delete;

@@ -95,6 +95,22 @@ bool StoredRecentlyUsed(std::vector<std::string>& names, std::string& error)
     return true;
 }
 
+// The manager does not say whether it could save, so what is stored is read back. `latest` is the device that must come
+// first; empty when the order is the one that was stored before.
+bool SaveRecentlyUsed(CQsStimulationDeviceManager& manager, const std::string& latest)
+{
+    manager.Save();
+    std::vector<std::string> stored;
+    std::string error;
+    if (!StoredRecentlyUsed(stored, error))
+        Complain(error);
+    else if (stored.empty() || (!latest.empty() && stored.front() != latest))
+        Complain(QsPlatform::GetRegistryFile(HKEY_CURRENT_USER) + ": the recently used devices cannot be saved");
+    else
+        return true;
+    return false;
+}
+
 std::string ListJson(const std::vector<SInfo>& devices, const std::vector<std::string>& recent,
                      const CQsStimulationDeviceManager& manager, const QsStandalone::SRig& rig)
 {
@@ -190,6 +206,8 @@ int Activate(const SOptions& options, CSession& session)
 {
     CQsStimulationDeviceManager& manager = *session.Manager();
     int status = QS_OK;
+    SInfo before;
+    manager.GetActive(before);
     if (options.name)
     {
         if (!ActivateByName(manager, *options.name))
@@ -200,11 +218,16 @@ int Activate(const SOptions& options, CSession& session)
     else
         status = manager.SetActiveV4(options.confocal == "on");
 
-    if (status == QS_OK && options.save)
-        manager.Save();
     SInfo active;
     manager.GetActive(active);
     const std::string name = ToUtf8(active.sName);
+    if (status == QS_OK && options.save)
+    {
+        // Only a device that is chosen by name becomes the latest, and only when it was not active before.
+        const bool isLatest = options.name && active.sName != before.sName;
+        if (!SaveRecentlyUsed(manager, isLatest ? name : std::string()))
+            return eExitBadUse;
+    }
     if (options.json)
     {
         CJson json;
@@ -297,7 +320,8 @@ int RegistryShow(const SOptions& options)
         else
             json.Text("value", RegistryShown(value));
         json.EndObject();
-        text += "  " + value.key + "\\" + value.name + " = " + RegistryShown(value) + "  (" + RegistryType(value.type) + ")\n";
+        text += "  " + value.key + "\\" + value.name + " = " + RegistryShown(value) + "  (" + RegistryType(value.type) +
+                ")\n";
     }
     json.EndArray().EndObject();
     Print(options.json ? json.Take() : text);

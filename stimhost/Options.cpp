@@ -4,17 +4,20 @@
 
 #include <CLI/CLI.hpp>
 
+#include <sstream>
+
 namespace Stimhost {
 
 namespace {
 
-const char* const s_footer = "Exit codes:\n"
-                             "  0  done\n"
-                             "  1  a device or a stimulation failed, was interrupted, or left a light on\n"
-                             "  2  bad usage, bad input, or a file that cannot be written\n"
-                             "  3  an internal error, or the stimulation module is missing\n"
-                             "\n"
-                             "Ctrl-C aborts a running stimulation and closes every shutter; a second one does not wait.";
+const char* const s_footer =
+    "Exit codes:\n"
+    "  0  done\n"
+    "  1  a device or a stimulation failed, was interrupted, or left a light on\n"
+    "  2  bad usage, bad input, or a file that cannot be written\n"
+    "  3  an internal error, or the stimulation module is missing\n"
+    "\n"
+    "Ctrl-C aborts a running stimulation and closes every shutter; a second one does not wait.";
 
 // Milliseconds from 0 to one day. A value that is not a number compares false with everything, so it fails too.
 const CLI::Validator s_milliseconds(
@@ -26,6 +29,10 @@ const CLI::Validator s_milliseconds(
                    : "\"" + text + "\" is not a time; expected 0 to 86400000 milliseconds";
     },
     "MS");
+
+// A script's variable that is not set must not pass for the default.
+const CLI::Validator s_path([](std::string& text) { return text.empty() ? "expected a name, found none" : std::string(); },
+                            "");
 
 CLI::App* Command(CLI::App& parent, const std::string& name, const std::string& description, SOptions& options)
 {
@@ -43,10 +50,14 @@ void AddJson(CLI::App& command, SOptions& options)
 
 void AddGlobal(CLI::App& app, SOptions& options)
 {
-    app.add_option("--rig", options.rig, "Rig file (default: the demo rig)")->type_name("FILE");
+    app.add_option("--rig", options.rig, "Rig file (default: the demo rig)")->check(s_path)->type_name("FILE");
     app.add_option("--modules", options.moduleFolders, "Folders with further device modules")->type_name("DIR");
-    app.add_option("--registry", options.registryFolder, "Folder of the registry (default: the user's)")->type_name("DIR");
-    app.add_option("--log", options.logFile, "Append the diagnostic log to a file")->type_name("FILE");
+    app.add_option("--registry", options.registryFolder, "Folder of the registry (default: the user's)")
+        ->check(s_path)
+        ->type_name("DIR");
+    app.add_option("--log", options.logFile, "Append the diagnostic log to a file")
+        ->check(s_path)
+        ->type_name("FILE");
     app.add_option("--log-level", options.logLevel, "How much is logged")
         ->check(CLI::IsMember({"off", "normal", "detailed"}))
         ->type_name("LEVEL")
@@ -81,8 +92,8 @@ void AddStimulate(CLI::App& app, SOptions& options)
         ->check(s_milliseconds)
         ->type_name("MS")
         ->capture_default_str();
-    stimulate->add_option("--picture", options.picture, "Write the timeline")->type_name("FILE.svg");
-    stimulate->add_option("--report", options.report, "Write the JSON report")->type_name("FILE");
+    stimulate->add_option("--picture", options.picture, "Write the timeline")->check(s_path)->type_name("FILE.svg");
+    stimulate->add_option("--report", options.report, "Write the JSON report")->check(s_path)->type_name("FILE");
     AddJson(*stimulate, options);
 }
 
@@ -144,6 +155,7 @@ std::optional<int> ReadOptions(int argc, char** argv, SOptions& options)
 
     CLI::App* demo = Command(app, "demo", "Run the rig through its paces and check every promise", options);
     demo->add_option("--out", options.out, "Folder of report.json and timeline.svg")
+        ->check(s_path)
         ->type_name("DIR")
         ->capture_default_str();
     AddJson(*demo, options);
@@ -155,7 +167,12 @@ std::optional<int> ReadOptions(int argc, char** argv, SOptions& options)
     catch (const CLI::ParseError& e)
     {
         if (e.get_exit_code() == 0)
-            return app.exit(e) == 0 ? eExitDone : eExitBadUse;
+        {
+            std::ostringstream help;
+            app.exit(e, help, help);
+            Print(help.str());
+            return CodeAfterOutput(eExitDone);
+        }
         std::string reason = e.what();
         for (char& c : reason)
             c = c == '\n' ? ' ' : c;

@@ -60,7 +60,8 @@ void CPromises::CheckSingleLight(const SPhase& phase, IQsStimulationDevice& shut
     const QsStandalone::SShutterSetup setup = SetupOf(shutter);
     const SMeasured& light = phase.lights.front();
     const double asked = phase.request.durationMs;
-    const double longest = asked + 1.0 + setup.openLatencyMs + setup.closeLatencyMs + 2.0 * setup.jitterMs + s_schedulingMs;
+    const double longest =
+        asked + 1.0 + setup.openLatencyMs + setup.closeLatencyMs + 2.0 * setup.jitterMs + s_schedulingMs;
     Check(light.DurationMs() >= asked - 1.0 && light.DurationMs() <= longest,
           "the light lasts " + Ms(asked) + ", at most " + Ms(longest), Ms(light.DurationMs()));
     const bool reported = phase.reportedBeginMs.size() == 1 && phase.reportedEndMs.size() == 1;

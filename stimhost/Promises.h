@@ -15,7 +15,8 @@ public:
 
     // What holds for every stimulation: started, reported success, left no light on, lit nothing before its start.
     void CheckPhase(const SPhase& phase);
-    // One light, as long as asked: at most the shutter's latencies longer, and inside the times that the device reported.
+    // One light, as long as asked: at most the shutter's latencies longer, and inside the times that the device
+    // reported.
     void CheckSingleLight(const SPhase& phase, IQsStimulationDevice& shutter);
     void CheckAborted(const SPhase& phase, IQsStimulationDevice& shutter);
     void CheckPatterns(const SPhase& phase, double exposureMs);

@@ -122,7 +122,8 @@ std::string Table(const std::vector<SPhase>& phases)
         const std::string title = Padded(phase.request.title, titleWidth) + "  ";
         if (phase.lights.empty())
             text += title + Padded("-", deviceWidth) + "  " + Row({Number(phase.request.durationMs, 2)}) +
-                    "  no light, status " + std::to_string(phase.startStatus != 0 ? phase.startStatus : phase.status) + "\n";
+                    "  no light, status " + std::to_string(phase.startStatus != 0 ? phase.startStatus : phase.status) +
+                    "\n";
         for (const SMeasured& light : phase.lights)
             text += title + Padded(light.device, deviceWidth) + "  " +
                     Row({Number(phase.DueMs(), 2), Number(light.BeginMs(), 2), Number(light.EndMs(), 2),

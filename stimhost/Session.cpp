@@ -81,7 +81,7 @@ bool CSession::Open(const SOptions& options, bool withRig, std::string& error)
     if (!AddShutters(error) || !AddDevices(error))
         return false;
     m_manager->Update(); // a rig without devices is no error
-    return true;
+    return CheckSettings(error);
 }
 
 bool CSession::OpenLog(const SOptions& options, std::string& error)
@@ -194,6 +194,11 @@ bool CSession::AddDevices(std::string& error)
                     "\" cannot be created; expected a class of a module that was found";
             return false;
         }
+        if (!CheckSettings(error))
+        {
+            CQsRTTI::Release(device);
+            return false;
+        }
         if (setup.list == "special")
             m_manager->SpecialDevicesAdd(device); // these two take over our reference
         else if (setup.list == "option")
@@ -205,6 +210,13 @@ bool CSession::AddDevices(std::string& error)
         }
     }
     return true;
+}
+
+// The devices that were made since the last time have found their settings right.
+bool CSession::CheckSettings(std::string& error) const
+{
+    const std::vector<std::string> faults = QsStandalone::TakeSettingsFaults();
+    return faults.empty() || Fail(error, m_rig.path + ": settings of a device of class " + faults.front());
 }
 
 void UseRegistryFolder(const std::string& folder)
@@ -219,11 +231,13 @@ std::vector<std::string> LeaveNoLight()
     for (const std::string& open : CQsDeviceManager::CloseAllShutters())
         if (std::find(lit.begin(), lit.end(), open) == lit.end())
             lit.push_back(open);
-    CQsStimulationDeviceManager* manager = CQsStimulationDeviceManager::InstanceIfExists();
-    if (!QsStandalone::CQsJournal::LitDevices().empty() && manager != nullptr)
+    // Whatever the journal says: it knows the lights of simulated devices only. Handing in no device waits for the worker
+    // of a stimulation that still runs.
+    if (CQsStimulationDeviceManager* manager = CQsStimulationDeviceManager::InstanceIfExists())
         RunBounded(1000.0, [manager] {
             if (IQsStimulationDevice* device = manager->GetActive())
-                device->StimulationAbort();
+                Ask([device] { return device->StimulationAbort(); });
+            manager->SpecialDevicesAdd(nullptr);
         });
     return lit;
 }

@@ -14,7 +14,8 @@ namespace Stimhost {
 class CSession
 {
 public:
-    // Log, registry and, when `withRig`, the rig's devices and the manager. False, with one line, when the input is bad.
+    // Log, registry and, when `withRig`, the rig's devices and the manager. False, with one line, when the input is
+    // bad.
     bool Open(const SOptions& options, bool withRig, std::string& error);
 
     // Null before Open with a rig.
@@ -29,6 +30,7 @@ private:
     bool AnnounceStaticDevices(std::string& error);
     bool AddShutters(std::string& error);
     bool AddDevices(std::string& error);
+    bool CheckSettings(std::string& error) const;
 
     QsStandalone::SRig m_rig;
     CQsStimulationDeviceManager* m_manager = nullptr;
@@ -37,8 +39,8 @@ private:
 // Both roots below the folder, from now on.
 void UseRegistryFolder(const std::string& folder);
 
-// Names of the lights that are on. Closes every shutter, stops what else is lit, and ends hangs. Call it on every way
-// out: a device that does not answer is given up after a second.
+// Names of the lights that are on. Closes every shutter, aborts the active device, ends hangs, and waits for a
+// stimulation that still runs. Call it on every way out: a device that does not answer is given up after a second.
 std::vector<std::string> LeaveNoLight();
 
 } // namespace Stimhost

@@ -66,6 +66,7 @@ int Stimulate(const SOptions& options, CSession& session)
             code = eExitFailed;
     }
     report.lightOnAtEnd = report.phases.back().leftOn;
+    code = PutLightsOut(code); // before the output, which may wait for its reader
     Print(options.json ? ReportJson(report) : Table(report.phases));
     if (!WriteFiles(options, report) && code == eExitDone)
         code = eExitBadUse;

@@ -5,15 +5,16 @@
 #include "platform/ThreadSafety.h"
 #include "standalone/DeviceManager.h"
 #include "standalone/Journal.h"
+#include "stimhost/Bounded.h"
 #include "stimhost/Interruption.h"
 #include "stimhost/Text.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <memory>
+#include <system_error>
 #include <thread>
 
 namespace Stimhost {
@@ -23,8 +24,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using QsStandalone::CQsJournal;
 using QsStandalone::EJournalKind;
-
-std::atomic<bool> s_threadsLeftBehind{false};
 
 Clock::duration Milliseconds(double ms)
 {
@@ -44,8 +43,12 @@ public:
     CRun(const CRun&) = delete;
     CRun& operator=(const CRun&) = delete;
 
+    // Every thread there will be is made before the light may come on. QS_ERR_FAIL when there is none to be had, or
+    // what the manager answers; then no thread is left.
     int Start();
     void Abort(bool interrupted);
+    // Aborts the device from here, and waits a second for the end.
+    void Stop();
     // Wait for the end, of the stimulation and of the aborting thread; false when the time is over.
     bool WaitForEnd(Clock::time_point until);
     bool WaitForAborter(Clock::time_point until);
@@ -53,12 +56,12 @@ public:
     void Collect(SPhase& phase);
     double StartedMs() const { return m_startedMs; }
 
-    void StartAborter();
     // Takes leave of the threads: waits for those that are over but for their last steps, leaves the others. False when
     // any was left.
     bool LeaveThreads();
 
 private:
+    int StartLight();
     void RunAborter();
     void AbortWhenDue();
     static void OnFinish(int result, double* begins, double* ends, unsigned count, void* user);
@@ -69,7 +72,7 @@ private:
     IQsStimulationDevice& m_device;
     const SRequest m_request;
     double m_startedMs = 0.0;
-    Clock::time_point m_started;
+    Clock::time_point m_start;
 
     std::thread m_driver; // this and the next belong to the thread that runs the stimulation
     std::thread m_aborter;
@@ -78,6 +81,7 @@ private:
     std::condition_variable_any m_changed;
     bool m_ended QS_GUARDED_BY(m_lock) = false;
     bool m_aborterEnded QS_GUARDED_BY(m_lock) = false;
+    bool m_started QS_GUARDED_BY(m_lock) = false; // until then there is nothing to abort
     bool m_abort QS_GUARDED_BY(m_lock) = false;
     bool m_interrupted QS_GUARDED_BY(m_lock) = false;
     double m_abortCalledMs QS_GUARDED_BY(m_lock) = s_noTime;
@@ -89,13 +93,36 @@ private:
 
 int CRun::Start()
 {
+    int status = QS_ERR_FAIL;
+    try
+    {
+        m_aborter = std::thread([self = shared_from_this()] { self->RunAborter(); });
+        status = StartLight();
+    }
+    catch (const std::system_error&) // no thread
+    {
+        status = QS_ERR_FAIL;
+    }
+    {
+        const CQsScopedLock<CQsMutex> hold(m_lock);
+        m_started = true;
+        m_ended = m_ended || status != QS_OK;
+        m_changed.notify_all();
+    }
+    if (status != QS_OK && m_aborter.joinable())
+        m_aborter.join();
+    return status;
+}
+
+int CRun::StartLight()
+{
     IQsStimulationDevice::SQsStimulationType type;
     type.uiType = IQsStimulationDevice::eStimTimed;
     type.uiRepeatCount = 1;
     type.dDurationMs = m_request.durationMs;
     type.uiGroupMask = m_request.groupMask;
 
-    m_started = Clock::now();
+    m_start = Clock::now();
     m_startedMs = QS_GetTimeCounter();
     if (m_request.kind == EKind::Continuous)
     {
@@ -124,8 +151,8 @@ void CRun::DriveContinuous()
     type.dDurationMs = m_request.durationMs;
     type.uiGroupMask = m_request.groupMask;
 
-    int status = m_device.StimulationBegin(type);
-    if (status == QS_OK)
+    const SAnswer begun = Ask([&] { return m_device.StimulationBegin(type); });
+    if (begun.status == QS_OK)
     {
         const Clock::time_point until = Clock::now() + Milliseconds(m_request.durationMs);
         const CQsScopedLock<CQsMutex> hold(m_lock);
@@ -134,8 +161,11 @@ void CRun::DriveContinuous()
     }
     double begin = -1.0;
     double end = -1.0;
-    const int endStatus = m_device.StimulationEnd(&begin, &end, 1);
-    Finish(status != QS_OK ? status : endStatus, &begin, &end, 1);
+    // Also after a begin that threw, perhaps with its light on; where the end throws, the abort is what is left.
+    const SAnswer ended = Ask([&] { return m_device.StimulationEnd(&begin, &end, 1); });
+    if (ended.threw)
+        Ask([this] { return m_device.StimulationAbort(); });
+    Finish(begun.status != QS_OK ? begun.status : ended.status, &begin, &end, 1);
 }
 
 void CRun::Finish(int status, const double* begins, const double* ends, unsigned count)
@@ -159,9 +189,13 @@ void CRun::Abort(bool interrupted)
     m_changed.notify_all();
 }
 
-void CRun::StartAborter()
+void CRun::Stop()
 {
-    m_aborter = std::thread([self = shared_from_this()] { self->RunAborter(); });
+    Abort(true);
+    constexpr double longestMs = 1000.0;
+    const Clock::time_point until = Clock::now() + Milliseconds(longestMs);
+    RunBounded(longestMs, [self = shared_from_this()] { self->m_device.StimulationAbort(); });
+    WaitForEnd(until);
 }
 
 bool CRun::LeaveThreads()
@@ -185,10 +219,11 @@ void CRun::RunAborter()
 // Aborts again until the stimulation is over: an abort that meets a device between opening and waiting is lost.
 void CRun::AbortWhenDue()
 {
-    const double afterMs = m_request.abortAfterMs.value_or(0.0);
-    const Clock::time_point due = m_started + Milliseconds(afterMs);
     {
         const CQsScopedLock<CQsMutex> hold(m_lock);
+        while (!m_started)
+            m_changed.wait(m_lock);
+        const Clock::time_point due = m_start + Milliseconds(m_request.abortAfterMs.value_or(0.0));
         while (!m_ended && !m_abort && !(m_request.abortAfterMs && Clock::now() >= due))
         {
             if (m_request.abortAfterMs)
@@ -204,9 +239,9 @@ void CRun::AbortWhenDue()
     for (bool first = true; !Ended(); first = false)
     {
         // The manager reaches the device of a beampath only; a plain active device is told here.
-        const int status = m_manager.StimulationAbort();
+        const int status = Ask([this] { return m_manager.StimulationAbort(); }).status;
         if (status != QS_OK)
-            m_device.StimulationAbort();
+            Ask([this] { return m_device.StimulationAbort(); });
         const CQsScopedLock<CQsMutex> hold(m_lock);
         if (first)
             m_abortStatus = status;
@@ -401,31 +436,25 @@ SPhase RunStimulation(CQsStimulationDeviceManager& manager, const SRequest& requ
 
     const std::size_t firstEntry = CQsJournal::Count();
     const auto run = std::make_shared<CRun>(manager, *device, request);
-    const CInterruptionHook hook([run] { run->Abort(true); });
+    const CInterruptionHook hook([run] { run->Abort(true); }, [run] { run->Stop(); });
     phase.startStatus = run->Start();
     phase.startedMs = run->StartedMs();
     if (phase.startStatus != QS_OK)
         return phase;
-    run->StartAborter();
     phase.gaveUp = !AwaitAnswer(*run, request);
     run->Collect(phase);
     if (!run->LeaveThreads())
-        s_threadsLeftBehind = true;
+        LeaveThreadBehind();
     else
         // The worker is still on its way out after the finish function, and counts as running until then. Handing in no
         // device does nothing but wait for it.
-        manager.OptConfDevicesAdd(nullptr);
+        RunBounded(request.graceMs, [&manager] { manager.OptConfDevicesAdd(nullptr); });
     phase.lights = MeasuredLights(firstEntry, phase.startedMs);
     phase.leftOn = CQsJournal::LitDevices();
     for (const QsStandalone::SJournalEntry& entry : CQsJournal::EntriesFrom(firstEntry))
         if (entry.kind == EJournalKind::Fault)
             phase.faults.push_back(entry.device + ": " + entry.text);
     return phase;
-}
-
-bool ThreadsAreLeftBehind()
-{
-    return s_threadsLeftBehind;
 }
 
 } // namespace Stimhost

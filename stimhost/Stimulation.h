@@ -91,7 +91,4 @@ struct SPhase
 // device does; a phase that was not finished leaves threads behind that may still be inside the device. [blocks]
 SPhase RunStimulation(CQsStimulationDeviceManager& manager, const SRequest& request);
 
-// Whether a stimulation so far has left threads inside a device: then the process must end without its usual tidying.
-bool ThreadsAreLeftBehind();
-
 } // namespace Stimhost

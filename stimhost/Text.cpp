@@ -2,13 +2,17 @@
 
 #include "host/QsSystem.h"
 
+#include <QFile>
 #include <QSaveFile>
 #include <QString>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
+#include <system_error>
 
 namespace Stimhost {
 
@@ -39,10 +43,22 @@ CQsStringW FromUtf8(const std::string& text)
     return CQsStringW::FromUtf8(text);
 }
 
+static std::string s_outputFault; // why stdout could not be written; the first time counts
+
 void Print(const std::string& text)
 {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
+    errno = 0;
+    if ((std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) &&
+        s_outputFault.empty())
+        s_outputFault = errno != 0 ? std::generic_category().message(errno) : "the output is gone";
+}
+
+int CodeAfterOutput(int code)
+{
+    if (s_outputFault.empty())
+        return code;
+    Complain("stdout cannot be written: " + s_outputFault);
+    return code == eExitDone ? eExitBadUse : code;
 }
 
 static bool s_silent = false;
@@ -66,8 +82,20 @@ void Complain(const std::string& line)
 
 bool WriteWholeFile(const std::string& path, const std::string& text, std::string& error)
 {
-    QSaveFile file(QString::fromStdString(path));
+    const QString name = QString::fromStdString(path);
     const auto size = static_cast<qint64>(text.size());
+    std::error_code ignored;
+    if (std::filesystem::exists(path, ignored) && !std::filesystem::is_regular_file(path, ignored))
+    {
+        // A file must not take the place of a device or a pipe.
+        QFile device(name);
+        if (device.open(QIODevice::WriteOnly | QIODevice::Unbuffered) && device.write(text.data(), size) == size)
+            return true;
+        error = path + ": cannot be written: " + device.errorString().toStdString();
+        return false;
+    }
+    QSaveFile file(name);
+    // The flush is not superfluous: committing overlooks that the last buffer did not fit on the disk.
     if (file.open(QIODevice::WriteOnly) && file.write(text.data(), size) == size && file.flush() && file.commit())
         return true;
     error = path + ": cannot be written: " + file.errorString().toStdString();

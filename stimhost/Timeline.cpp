@@ -177,7 +177,8 @@ void CTimeline::Panel(const SPhase& phase)
     const double height = PanelHeight(phase);
     m_text += Rectangle(s_margin / 2.0, m_y, s_width - s_margin, height,
                         "rx=\"6\" fill=\"#fafbfc\" stroke=\"#d3dae1\"");
-    m_text += TextAt(s_margin, m_y + 22.0, Shortened(phase.request.title, phase.WasAborted() ? 60 : 90), "class=\"phase\"");
+    m_text +=
+        TextAt(s_margin, m_y + 22.0, Shortened(phase.request.title, phase.WasAborted() ? 60 : 90), "class=\"phase\"");
     m_text += TextAt(s_plotRight + 16.0, m_y + 22.0, "light", "class=\"note\"");
     m_text += TextAt(s_width - s_margin, m_y + 22.0, "end against due", "class=\"note\" text-anchor=\"end\"");
 
@@ -227,8 +228,8 @@ void CTimeline::Lane(const SPhase& phase, const SMeasured& light, double middle)
     {
         const bool on = std::isnan(pulse.offMs);
         const double end = on ? m_spanMs : pulse.offMs;
-        m_text += Rectangle(X(pulse.onMs), middle - s_barHeight / 2.0, std::max(1.0, X(end) - X(pulse.onMs)), s_barHeight,
-                            fill);
+        m_text += Rectangle(X(pulse.onMs), middle - s_barHeight / 2.0, std::max(1.0, X(end) - X(pulse.onMs)),
+                            s_barHeight, fill);
     }
     const bool leftOn = std::isnan(light.EndMs());
     m_text += TextAt(s_plotRight + 16.0, middle + 4.0, leftOn ? "left on" : Number(light.LitMs(), 1) + " ms",

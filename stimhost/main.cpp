@@ -2,6 +2,7 @@
 // its file, as a host does, and then the commands that use it.
 
 #include "platform/ModuleFile.h"
+#include "platform/Process.h"
 #include "standalone/PluginManager.h"
 #include "stimhost/Folders.h"
 #include "stimhost/Inspect.h"
@@ -39,13 +40,14 @@ int RunCommands(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    QsPlatform::GuardStandardStreams();
     try
     {
         Stimhost::SOptions options;
         if (const std::optional<int> code = Stimhost::ReadOptions(argc, argv, options))
             return *code;
         if (options.command == "inspect")
-            return Stimhost::Inspect(options);
+            return Stimhost::CodeAfterOutput(Stimhost::Inspect(options));
         return RunCommands(argc, argv);
     }
     catch (const std::exception& e)

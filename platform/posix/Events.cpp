@@ -268,7 +268,12 @@ bool Signal(HANDLE handle, EKind kind)
 
 // -------------------------------------------------------------------------------------------------- waits
 
-// By default the system may end a timed wait 50 microseconds late; that is the light's time on a specimen.
+// Even with the finest timer the system ends a timed wait some tens of microseconds late, and a thread that slept for
+// long is slow to get going; that is the light's time on a specimen. So a thread that waits for one object sleeps until
+// shortly before its time and looks at the clock for the rest.
+constexpr std::chrono::microseconds kLookTime(200);
+
+// By default the system may end a timed wait another 50 microseconds late.
 void AskForFinestTimer()
 {
     static thread_local const int asked = prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
@@ -288,13 +293,32 @@ public:
 
     bool IsNow() const { return m_milliseconds == 0; }
 
-    // False when the deadline has passed.
+    // Until somebody notifies, or for no reason, or until the deadline. False when it has passed.
     bool Wait(std::condition_variable& changed, std::unique_lock<std::mutex>& lock) const
     {
         if (m_milliseconds != INFINITE)
             return changed.wait_until(lock, m_end) == std::cv_status::no_timeout;
         changed.wait(lock);
         return true;
+    }
+
+    // The same, and on time to within a microsecond or two as long as a processor is free.
+    bool WaitOnTime(std::condition_variable& changed, std::unique_lock<std::mutex>& lock) const
+    {
+        if (m_milliseconds == INFINITE)
+            return Wait(changed, lock);
+        if (Clock::now() < m_end - kLookTime)
+        {
+            changed.wait_until(lock, m_end - kLookTime);
+            return true;
+        }
+        lock.unlock(); // a signal must get in meanwhile
+        const auto look = Clock::now() + std::chrono::microseconds(1);
+        while (Clock::now() < look)
+        {
+        }
+        lock.lock();
+        return Clock::now() < m_end;
     }
 
 private:
@@ -312,7 +336,7 @@ DWORD Park(SObject& object, const CDeadline& deadline) QS_REQUIRES(object.lock)
     const auto released = [&]() QS_REQUIRES(object.lock)
     { return object.manualReset ? object.sets != sets : object.granted != 0; };
     while (!released() && inTime)
-        inTime = deadline.Wait(object.changed, native);
+        inTime = deadline.WaitOnTime(object.changed, native);
     native.release();
     const bool taken = released();
     if (taken && !object.manualReset)

@@ -61,7 +61,7 @@ void* UseByName(const wchar_t* name)
     const std::u16string units = QsToUtf16(name);
     const std::string path = QString::fromUtf16(units.data(), static_cast<int>(units.size())).toStdString();
     if (path.find('/') != std::string::npos)
-        return UseLoaded(path);
+        return UseLoaded(path == PathOfProgram() ? std::string() : path); // the loader takes no path of a program
     // The loader knows a module by the path that it was loaded from, so a bare name is looked for here.
     SSearch search;
     search.fileName = path;

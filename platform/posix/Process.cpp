@@ -1,6 +1,8 @@
 #include "platform/Process.h"
 
 #include <filesystem>
+
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace QsPlatform {
@@ -10,6 +12,13 @@ std::string ProgramFile()
     std::error_code error;
     const std::filesystem::path file = std::filesystem::read_symlink("/proc/self/exe", error);
     return error ? std::string() : file.string();
+}
+
+void GuardStandardStreams()
+{
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(stream, F_GETFD) == -1)
+            static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY)); // takes this number
 }
 
 bool StderrIsTerminal()

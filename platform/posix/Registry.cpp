@@ -98,6 +98,8 @@ LSTATUS FindBelow(const SRegistry& registry, HKEY parent, const wchar_t* subKey,
     if (!SplitRegistryPath(path, parts))
         return ERROR_INVALID_PARAMETER;
     found.path.insert(found.path.end(), parts.begin(), parts.end());
+    if (found.path.size() > kDeepestKey)
+        return ERROR_INVALID_PARAMETER;
     return registry.refused[found.machine] ? ERROR_ACCESS_DENIED : ERROR_SUCCESS;
 }
 

@@ -208,7 +208,7 @@ QString ReadText(const QByteArray& text, SRegistryNode& root)
         RegistryPath path;
         bool made = false;
         if (!SplitRegistryPath(FromQString(it.key()), path) || path.empty())
-            return "key \"" + it.key() + "\": expected names between backslashes";
+            return "key \"" + it.key() + "\": expected at most 512 names between backslashes";
         const QString wrong = ReadValues(it.value(), MakeRegistryKey(root, path, made));
         if (!wrong.isEmpty())
             return "key \"" + it.key() + "\", " + wrong;
@@ -249,7 +249,7 @@ bool SplitRegistryPath(const std::u16string& path, RegistryPath& parts)
     {
         const std::size_t end = std::min(path.find(u'\\', begin), path.size());
         parts.push_back(path.substr(begin, end - begin));
-        if (parts.back().empty() || !IsRegistryName(parts.back()))
+        if (parts.size() > kDeepestKey || parts.back().empty() || !IsRegistryName(parts.back()))
             return false;
         begin = end + 1;
     }
@@ -285,6 +285,12 @@ ERegistryFile ReadRegistryFile(const std::string& file, SRegistryNode& root, std
 {
     root = {};
     const QString name = QFile::decodeName(file.c_str());
+    const QFileInfo info(name);
+    if (info.exists() && !info.isFile()) // opening a pipe would wait for its writer
+    {
+        error = file + ": expected a file, found a folder, a pipe or a device";
+        return ERegistryFile::Unreadable;
+    }
     QFile source(name);
     if (!source.open(QIODevice::ReadOnly))
     {
@@ -312,7 +318,10 @@ LSTATUS ChangeRegistryFile(const std::string& file, const std::function<bool(SRe
     const QString name = QFile::decodeName(file.c_str());
     if (!QDir().mkpath(QFileInfo(name).path()))
         return ERROR_WRITE_FAULT;
-    QLockFile lock(name + ".lock");
+    const QString lockName = name + ".lock";
+    if (QFileInfo::exists(lockName) && !QFileInfo(lockName).isFile()) // it is read to see who holds it
+        return ERROR_WRITE_FAULT;
+    QLockFile lock(lockName);
     // For a lock file that a killed process left before it wrote its number there. A living holder on this system is
     // never robbed of its lock by this: it also holds one on the open file.
     lock.setStaleLockTime(kStaleLockMs);

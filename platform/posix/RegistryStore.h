@@ -1,4 +1,4 @@
-// One root of the registry as a file. docs/formats-registry.md describes the file.
+// One root of the registry as a file. docs/formats.md describes it.
 #pragma once
 
 #include "platform/posix/Win32Posix.h"
@@ -32,8 +32,10 @@ struct SRegistryNode
 
 using RegistryPath = std::vector<std::u16string>;
 
+constexpr std::size_t kDeepestKey = 512; // levels below a root; keys are walked by recursion
+
 // Parts of a path between its backslashes; a trailing one adds none. False when a name is one that the file cannot
-// hold, or when the path begins with a backslash or has two in a row.
+// hold, when the path begins with a backslash or has two in a row, or when it is too deep.
 bool SplitRegistryPath(const std::u16string& path, RegistryPath& parts);
 bool IsRegistryName(const std::u16string& name);
 
@@ -45,7 +47,7 @@ enum class ERegistryFile
 {
     Whole,
     Missing,
-    Unreadable, // it is there and the system does not let it be read
+    Unreadable, // it is there and is no file, or the system does not let it be read
     Damaged     // damaged, or not a store of this version
 };
 

@@ -10,8 +10,11 @@
 struct SQsThreadState
 {
     HANDLE end = QsPlatform::CreateThreadEnd();
+    void* (*start)(void*);
+    void* argument;
+    QsThread self; // keeps the state until the thread has taken it over
 
-    SQsThreadState() = default;
+    SQsThreadState(void* (*startRoutine)(void*), void* startArgument) : start(startRoutine), argument(startArgument) {}
     ~SQsThreadState() { QsPlatform::CloseThreadEnd(end); }
     SQsThreadState(const SQsThreadState&) = delete;
     SQsThreadState& operator=(const SQsThreadState&) = delete;
@@ -20,13 +23,6 @@ struct SQsThreadState
 namespace {
 
 std::atomic<unsigned> g_failures{0};
-
-struct SStart
-{
-    QsThread state;
-    void* (*start)(void*);
-    void* argument;
-};
 
 // Signals the end also when the procedure leaves through pthread_exit.
 struct SEndOfThread
@@ -37,12 +33,9 @@ struct SEndOfThread
 
 void* Run(void* context)
 {
-    auto* const given = static_cast<SStart*>(context);
-    const auto start = given->start;
-    void* const argument = given->argument;
-    const SEndOfThread end{std::move(given->state)};
-    delete given;
-    return start(argument);
+    auto* const state = static_cast<SQsThreadState*>(context);
+    const SEndOfThread end{std::move(state->self)};
+    return state->start(state->argument);
 }
 
 } // namespace
@@ -58,20 +51,21 @@ int pthread_create(QsThread* thread, const pthread_attr_t* attributes, void* (*s
         pthread_attr_getdetachstate(attributes, &detachState);
     try
     {
-        auto state = std::make_shared<SQsThreadState>();
+        QsThread state = std::make_shared<SQsThreadState>(start, argument);
         if (!state->end)
             return EAGAIN;
-        auto context = std::make_unique<SStart>(SStart{state, start, argument});
+        state->self = state;
+        SQsThreadState* const context = state.get();
         // Before the thread runs: it may compare itself with the caller's handle at once.
         thread->swap(state);
         pthread_t system;
-        const int error = pthread_create(&system, attributes, Run, context.get());
+        const int error = pthread_create(&system, attributes, Run, context);
         if (error != 0)
         {
+            context->self.reset();
             thread->swap(state);
             return error;
         }
-        static_cast<void>(context.release()); // the thread's own
         if (detachState == PTHREAD_CREATE_JOINABLE)
             pthread_detach(system);
         return 0;

@@ -1,11 +1,11 @@
 // The commands that list, choose and check.
 #include "tests/integration/Stimhost.h"
 
+#include <QFile>
+
 #include <gmock/gmock.h>
 
-using testing::AnyOf;
 using testing::HasSubstr;
-using testing::Not;
 
 using CommandLine = StimhostTest;
 
@@ -55,7 +55,12 @@ TEST_F(CommandLine, BadUsageGetsOneLineAndExitCodeTwo)
         {"--log-level", "loud", "list"},
         {"script", "call", "P", "--param", "no value"},
         {"script", "call", "no such procedure"},
-        {"--modules", "/nowhere at all", "list"}};
+        {"--modules", "/nowhere at all", "list"},
+        {"--rig", "", "list"},
+        {"--log", "", "list"},
+        {"stimulate", "--report", ""},
+        {"stimulate", "--picture", ""},
+        {"demo", "--out", ""}};
     for (const std::vector<std::string>& arguments : bad)
     {
         const SOutcome outcome = Stimhost(arguments);
@@ -68,7 +73,8 @@ TEST_F(CommandLine, BadUsageGetsOneLineAndExitCodeTwo)
 
 TEST_F(CommandLine, ABadRigIsNamedWithItsLine)
 {
-    const std::string rig = File("bad.json", "{\n  \"format\": \"stimulation-rig\", \"version\": 1,\n  \"shutterz\": []\n}\n");
+    const std::string rig =
+        File("bad.json", "{\n  \"format\": \"stimulation-rig\", \"version\": 1,\n  \"shutterz\": []\n}\n");
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"rig", "check", rig}, {"list", "--rig", rig}, {"stimulate", "--rig", rig}})
     {
@@ -78,6 +84,33 @@ TEST_F(CommandLine, ABadRigIsNamedWithItsLine)
         EXPECT_THAT(outcome.err, HasSubstr(rig + ":3: "));
         EXPECT_THAT(outcome.err, HasSubstr("shutterz"));
     }
+}
+
+TEST_F(CommandLine, WrongSettingsOfADeviceAreBadInput)
+{
+    for (const char* list : {"simple", "special", "option", "static"})
+    {
+        const std::string rig = File("settings.json", std::string(R"({
+            "format": "stimulation-rig", "version": 1, "name": "Wrong",
+            "devices": [ { "class": "CQsSimPatternDevice", "list": ")") + list + R"(",
+                           "settings": { "exposureMs": -1 } } ] })");
+        const SOutcome outcome = Stimhost({"list", "--rig", rig});
+        EXPECT_EQ(2, outcome.exitCode) << list;
+        EXPECT_EQ(1u, LineCount(outcome.err)) << outcome.err;
+        EXPECT_THAT(outcome.err, HasSubstr(rig + ": settings of a device of class CQsSimPatternDevice: \"exposureMs\""));
+        EXPECT_EQ("", outcome.out) << list;
+    }
+}
+
+TEST_F(CommandLine, WhatCannotBeSavedIsNotSaidToBeSaved)
+{
+    const std::string inTheWay = File("file", "no folder");
+    const SOutcome outcome = RunProgram(
+        QS_BIN "/stimhost", {"--registry", inTheWay, "--rig", ShutterRig(), "activate", "Shutter_1", "--save"});
+    EXPECT_EQ(2, outcome.exitCode);
+    EXPECT_EQ(1u, LineCount(outcome.err)) << outcome.err;
+    EXPECT_THAT(outcome.err, HasSubstr(inTheWay));
+    EXPECT_EQ("", outcome.out);
 }
 
 TEST_F(CommandLine, AMissingRigIsNamed)
@@ -239,6 +272,23 @@ TEST_F(CommandLine, InspectRefusesATruncatedModuleWithOneLineAndStillShowsTheOth
     EXPECT_EQ(1u, LineCount(outcome.err)) << outcome.err;
     EXPECT_THAT(outcome.err, HasSubstr(path));
     EXPECT_THAT(outcome.out, HasSubstr("CQsShutterStimulationDevice"));
+}
+
+TEST_F(CommandLine, AMissingModuleGetsOneLineAndExitCodeThreeAndInspectStillWorks)
+{
+    // The program alone, in a folder without the module.
+    ASSERT_TRUE(QFile::copy(QS_BIN "/stimhost", QString::fromStdString(Path("stimhost"))));
+    const SOutcome missing = RunProgram(Path("stimhost"), {"list"});
+    EXPECT_EQ(3, missing.exitCode);
+    EXPECT_EQ(1u, LineCount(missing.err)) << missing.err;
+    EXPECT_THAT(missing.err, HasSubstr("the stimulation module cannot be loaded"));
+    EXPECT_EQ(0, RunProgram(Path("stimhost"), {"inspect", QS_MODULE}).exitCode);
+    EXPECT_EQ(0, RunProgram(Path("stimhost"), {"--version"}).exitCode);
+
+    File(QS_MODULE_NAME, "no module");
+    const SOutcome damaged = RunProgram(Path("stimhost"), {"list"});
+    EXPECT_EQ(3, damaged.exitCode);
+    EXPECT_EQ(1u, LineCount(damaged.err)) << damaged.err;
 }
 
 TEST_F(CommandLine, TheLogGoesToAFile)

@@ -69,8 +69,8 @@ TEST_F(Demo, PrintsItsReportAsJsonOnly)
 
 TEST_F(Demo, ExitsOneWhenALightIsLeftOn)
 {
-    const SOutcome outcome =
-        Stimhost({"demo", "--rig", ShutterRig(R"("faults": { "refuse": { "fromCall": 2 } })"), "--out", Path("results")});
+    const SOutcome outcome = Stimhost(
+        {"demo", "--rig", ShutterRig(R"("faults": { "refuse": { "fromCall": 2 } })"), "--out", Path("results")});
     EXPECT_EQ(1, outcome.exitCode);
     EXPECT_THAT(outcome.out, HasSubstr("BROKEN  no light is on"));
     const rapidjson::Document report = ParsedJson(ReadWhole(Path("results/report.json")));

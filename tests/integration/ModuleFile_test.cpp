@@ -45,10 +45,12 @@ TEST(ModuleFile, ExportsItsClassesAndNothingElse)
     const std::string hostTypes = "(IQsInterface|CQsClass|CQsStringW|CQsStringA|IQsStimulationDeviceEx)";
     const std::vector<std::regex> allowed = {
         std::regex("(typeinfo for |typeinfo name for |vtable for |VTT for |construction vtable for |"
-                   "virtual thunk to |non-virtual thunk to )" + classes + "(::.*|-in-.*)?"),
+                   "virtual thunk to |non-virtual thunk to )" +
+                   classes + "(::.*|-in-.*)?"),
         std::regex(classes + "::.*"),
-        std::regex("(typeinfo for |typeinfo name for |vtable for |VTT for |construction vtable for |virtual thunk to )" +
-                   hostTypes + "(::.*|-in-" + classes + ")?"),
+        std::regex(
+            "(typeinfo for |typeinfo name for |vtable for |VTT for |construction vtable for |virtual thunk to )" +
+            hostTypes + "(::.*|-in-" + classes + ")?"),
         // Types of functions, which sanitizers compare at calls.
         std::regex("typeinfo (name )?for [^(]*\\(.*\\)( const)?"),
         std::regex("sm_class(Wcs)?CQs\\w+|QS_ConstructorForCQs\\w+"),
@@ -69,9 +71,91 @@ TEST(ModuleFile, ExportsTheConstructorAndTheClassInformationOfEveryRegisteredCla
 {
     EXPECT_THAT(DefinedSymbols(),
                 IsSupersetOf({"sm_classCQsShutterStimulationDevice", "sm_classCQsStimulationDeviceAggregator",
-                              "sm_classCQsStimulationDeviceProxy", "QS_ConstructorForCQsShutterStimulationDevice",
+                              "sm_classCQsStimulationDeviceProxy", "sm_classWcsCQsStimulationDeviceAggregator",
+                              "sm_classWcsCQsStimulationDeviceProxy", "QS_ConstructorForCQsShutterStimulationDevice",
                               "QS_ConstructorForCQsStimulationDeviceAggregator",
                               "QS_ConstructorForCQsStimulationDeviceProxy"}));
+}
+
+// What plug-ins derive from and copy.
+TEST(ModuleFile, ExportsTheMakingCopyingAndEndOfTheMultilaserDevice)
+{
+    const std::string name = "CQsMultilaserStimulationDevice";
+    EXPECT_THAT(DefinedSymbols(),
+                IsSupersetOf({name + "::" + name + "()", name + "::" + name + "(" + name + " const&)",
+                              name + "::operator=(" + name + " const&)", name + "::~" + name + "()",
+                              "vtable for " + name, "typeinfo for " + name}));
+}
+
+// What hosts and plug-ins call; the other public operations stand in the header.
+TEST(ModuleFile, ExportsEveryPublicOperationOfTheManager)
+{
+    const std::vector<std::string> operations = {
+        "GetInstance",
+        "InstanceIfExists",
+        "GetDevice",
+        "GetDeviceCount",
+        "GetDeviceInfo",
+        "FindStimulationDeviceByNameIntelligent",
+        "FindExStimulationDeviceByNameIntelligent",
+        "RegisterSimpleStimulationDevice",
+        "UnregisterSimpleStimulationDevice",
+        "StaticDeviceAdd",
+        "StaticDeviceRemove",
+        "GetStaticDevice",
+        "GetSpecialDevice",
+        "SpecialDevicesAdd",
+        "ShuttersAdd",
+        "OptConfDevicesAdd",
+        "SpecialDevicesRemoveAll",
+        "ShuttersRemoveAll",
+        "OptConfDevicesRemoveAll",
+        "SetVisible",
+        "GetStimulationDevicesForLogDevId",
+        "GetStimulationDevicesForPhysDevId",
+        "QueryFeatureSupported",
+        "QueryFeatureEnabled",
+        "SetActive",
+        "SetActiveMru",
+        "GetV4Device",
+        "IsV4Active",
+        "SetActiveV4",
+        "Save",
+        "AddCallbackForChange",
+        "RemoveCallbackForChange",
+        "AddCallbackForDeviceStateChange",
+        "RemoveCallbackForDeviceStateChange",
+        "AddCallbackForStimulationOCCommand",
+        "RemoveCallbackForStimulationOCCommand",
+        "FireCallbackForChange",
+        "FireCallbackForDeviceStateChange",
+        "FireCallbackForStimulationOCCommand",
+        "RegisterStimulationDeviceManagerEventListener",
+        "UnregisterStimulationDeviceManagerEventListener",
+        "NotifyStimulationDeviceManagerEventListeners",
+        "StimulateTimedWithActiveAsync",
+        "StimulationAbort",
+        "Update",
+        "SetStimulationBeampathsDirty",
+        "GetActiveStimulationBeampathId",
+        "GetStimulationDeviceInterfaceForBeampath",
+        "SQsDeviceInfo::IsModuleLoaded",
+        "SQsDeviceInfo::IsHwConnected",
+        "SQsDeviceInfo::IsDeviceVisible",
+        "SQsInfoEx::SQsInfoEx"};
+    const std::string manager = "CQsStimulationDeviceManager::";
+    const std::set<std::string> symbols = DefinedSymbols();
+    std::vector<std::string> missing;
+    for (const std::string& operation : operations)
+    {
+        const std::string prefix = manager + operation + "(";
+        const auto found = symbols.lower_bound(prefix);
+        if (found == symbols.end() || found->compare(0, prefix.size(), prefix) != 0)
+            missing.push_back(operation);
+    }
+    EXPECT_THAT(missing, IsEmpty());
+    // The one name that stands for two.
+    EXPECT_THAT(symbols, IsSupersetOf({manager + "GetActive()", manager + "GetActive(" + manager + "SQsInfo&)"}));
 }
 
 TEST(ModuleFile, KeepsTheClassRecordsInAWritableSectionOfTheirOwn)
@@ -79,7 +163,8 @@ TEST(ModuleFile, KeepsTheClassRecordsInAWritableSectionOfTheirOwn)
     const SOutcome outcome = RunProgram(QS_READELF, {"-S", "-W", QS_MODULE});
     ASSERT_EQ(0, outcome.exitCode) << outcome.err;
     // [Nr] Name Type Address Off Size ES Flg Lk Inf Al
-    const std::regex section("\\] qsclass +PROGBITS +[0-9a-f]+ +[0-9a-f]+ +[0-9a-f]+ +[0-9a-f]+ +(\\w+) +\\d+ +\\d+ +(\\d+)");
+    const std::regex section(
+        "\\] qsclass +PROGBITS +[0-9a-f]+ +[0-9a-f]+ +[0-9a-f]+ +[0-9a-f]+ +(\\w+) +\\d+ +\\d+ +(\\d+)");
     std::smatch found;
     ASSERT_TRUE(std::regex_search(outcome.out, found, section)) << outcome.out;
     EXPECT_THAT(found[1].str(), HasSubstr("W"));

@@ -53,7 +53,8 @@ SOutcome StimhostTest::Stimhost(const std::vector<std::string>& arguments)
 void StimhostTest::Start(QProcess& process, const std::vector<std::string>& arguments)
 {
     NeedApplication();
-    process.start(QS_BIN "/stimhost", QStringList{"--registry", QString::fromStdString(Path("registry"))} + Texts(arguments));
+    process.start(QS_BIN "/stimhost",
+                  QStringList{"--registry", QString::fromStdString(Path("registry"))} + Texts(arguments));
     ASSERT_TRUE(process.waitForStarted());
 }
 

@@ -31,7 +31,10 @@ protected:
     SOutcome Stimhost(const std::vector<std::string>& arguments);
     void Start(QProcess& process, const std::vector<std::string>& arguments);
 
-    std::string Path(const std::string& name) const { return m_folder.filePath(QString::fromStdString(name)).toStdString(); }
+    std::string Path(const std::string& name) const
+    {
+        return m_folder.filePath(QString::fromStdString(name)).toStdString();
+    }
     // Writes a file and gives its path.
     std::string File(const std::string& name, const std::string& text) const;
     // A rig of one shutter with id 1, named "Blue"; `faults` are further members of it.

@@ -134,7 +134,8 @@ TEST_F(Stimulate, AShutterThatHangsIsGivenUp)
 
 TEST_F(Stimulate, AShutterThatDropsOutIsReported)
 {
-    const SOutcome outcome = Stimhost({"stimulate", "--rig", ShutterRig(R"("faults": { "dropOut": { "atCall": 2 } })"), "--duration", "20"});
+    const SOutcome outcome =
+        Stimhost({"stimulate", "--rig", ShutterRig(R"("faults": { "dropOut": { "atCall": 2 } })"), "--duration", "20"});
     EXPECT_EQ(1, outcome.exitCode);
     EXPECT_THAT(outcome.err, HasSubstr("Blue: call 2: the shutter drops out"));
     EXPECT_THAT(outcome.err, Not(HasSubstr("still on")));
@@ -151,9 +152,24 @@ TEST_F(Stimulate, AShutterThatIsGoneGivesNoLightAndFails)
     EXPECT_EQ(0u, report["lightOnAtEnd"].Size());
 }
 
+TEST_F(Stimulate, ADeviceThatThrowsIsAFailedStimulationAndNotTheEndOfTheProcess)
+{
+    for (const char* kind : {"timed", "continuous"})
+    {
+        const SOutcome outcome = Stimhost({"stimulate", "--rig", QS_SOURCE "/examples/rigs/faults.json", "--device",
+                                           "Throwing device", "--kind", kind, "--duration", "50", "--json"});
+        EXPECT_EQ(1, outcome.exitCode) << kind << ": " << outcome.err;
+        const rapidjson::Document report = ParsedJson(outcome.out);
+        ASSERT_TRUE(report.IsObject());
+        EXPECT_EQ(-9, report["phases"][0]["status"].GetInt()) << kind;
+        EXPECT_EQ(0u, report["lightOnAtEnd"].Size()) << kind;
+    }
+}
+
 TEST_F(Stimulate, ARigWithoutDevicesFailsWithOneLine)
 {
-    const std::string rig = File("empty.json", "{ \"format\": \"stimulation-rig\", \"version\": 1, \"name\": \"Empty\" }\n");
+    const std::string rig =
+        File("empty.json", "{ \"format\": \"stimulation-rig\", \"version\": 1, \"name\": \"Empty\" }\n");
     const SOutcome outcome = Stimhost({"stimulate", "--rig", rig, "--duration", "20", "--json"});
     EXPECT_EQ(1, outcome.exitCode);
     EXPECT_EQ(1u, LineCount(outcome.err)) << outcome.err;

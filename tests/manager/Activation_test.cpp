@@ -376,3 +376,43 @@ TEST_F(Activation, ToAndFromThePointScannerWaitsForARunningStimulationAndDoesNot
     EXPECT_EQ(0u, v4.log.Count("StimulationAbort()"));
     EXPECT_TRUE(M().IsV4Active());
 }
+
+TEST_F(Activation, AwayFromThePointScannerTakesTheSecondRecentlyUsedDeviceAlsoWhenNoneIsActive)
+{
+    CQsFakeDevice& gone = Active(L"A");
+    Simple(L"B");
+    CQsFakeDevice& c = Simple(L"C");
+    M().Update();
+    ASSERT_EQ(0, M().UnregisterSimpleStimulationDevice(&gone));
+    ASSERT_EQ(nullptr, M().GetActive());
+    ASSERT_EQ(3u, M().GetDeviceCount());
+    Access::SetMru(M(), {L"B", L"C"});
+    EXPECT_EQ(0, M().SetActiveV4(false));
+    EXPECT_EQ(&c, M().GetActive());
+    EXPECT_THAT(Mru(), ElementsAre(L"B", L"C"));
+}
+
+TEST_F(Activation, FailsWithNoneActiveWhenTheOldDeviceTakesTheNewOneAwayAsItIsSwitchedOff)
+{
+    CWatchdog watchdog("an old device that unregisters the new one");
+    CQsFakeDevice& old = Active(L"A");
+    CQsFakeDevice& target = Simple(L"B");
+    M().Update();
+    ClearLogs();
+    LogChangeCodes();
+    int unregistered = 1;
+    old.onSetActive = [&](bool bActive)
+    {
+        if (!bActive)
+            unregistered = M().UnregisterSimpleStimulationDevice(&target);
+        return 0;
+    };
+    EXPECT_EQ(-9, M().SetActive(L"B", false));
+    EXPECT_EQ(0, unregistered);
+    EXPECT_EQ(nullptr, M().GetActive());
+    Manager::SQsInfo info;
+    EXPECT_EQ(nullptr, M().GetActive(info));
+    EXPECT_FALSE(Info(L"A").bActive);
+    EXPECT_THAT(Log().Entries(), ElementsAre("A: SetActive(false)"));
+    EXPECT_EQ(1u, QsStandalone::ReferenceCount(&target));
+}

@@ -96,25 +96,62 @@ void CGate::Pass()
 
 // ------------------------------------------------------------------------------------------------------ probe device
 
+namespace {
+
+void Run(const std::function<void()>& hook)
+{
+    if (hook)
+        hook();
+}
+
+} // namespace
+
+CQsStringW CProbeDevice::GetUniqueName() const
+{
+    Run(onName);
+    return CQsFakeDevice::GetUniqueName();
+}
+
+bool CProbeDevice::IsHWConnected()
+{
+    Run(onConnected);
+    return CQsFakeDevice::IsHWConnected();
+}
+
+bool CProbeDevice::IsVisible()
+{
+    Run(onVisible);
+    return CQsFakeDevice::IsVisible();
+}
+
+bool CProbeDevice::IsFeatureSupported(unsigned int featureId)
+{
+    Run(onFeature);
+    return CQsFakeDevice::IsFeatureSupported(featureId);
+}
+
+int CProbeDevice::GetStimulationDeviceInfo(SQsStimulationDeviceInfo& out) const
+{
+    Run(onInfo);
+    return CQsFakeDevice::GetStimulationDeviceInfo(out);
+}
+
 unsigned int CProbeDevice::StimulationModeGet()
 {
-    if (onModeGet)
-        onModeGet();
+    Run(onModeGet);
     return CQsFakeDevice::StimulationModeGet();
 }
 
 unsigned int CProbeDevice::StimulationAreaGetCount()
 {
-    if (onAreaCount)
-        onAreaCount();
+    Run(onAreaCount);
     return CQsFakeDevice::StimulationAreaGetCount();
 }
 
 double CProbeDevice::GetStimulationExposureTimeCombined(std::uint64_t index)
 {
     exposureIndex = index;
-    if (onExposure)
-        onExposure();
+    Run(onExposure);
     return CQsFakeDevice::GetStimulationExposureTimeCombined(index);
 }
 

@@ -88,6 +88,11 @@ class CProbeDevice : public CQsFakeDevice
 public:
     explicit CProbeDevice(const wchar_t* name) : CQsFakeDevice(name) {}
 
+    std::function<void()> onName;
+    std::function<void()> onConnected;
+    std::function<void()> onVisible;
+    std::function<void()> onInfo;
+    std::function<void()> onFeature;
     std::function<void()> onModeGet;
     std::function<void()> onAreaCount;
     std::function<void()> onExposure;
@@ -96,6 +101,11 @@ public:
     std::atomic<std::uint64_t> exposureIndex{~std::uint64_t{0}};
     std::atomic<bool> bFireGotTimes{false};
 
+    CQsStringW GetUniqueName() const override;
+    bool IsHWConnected() override;
+    bool IsVisible() override;
+    bool IsFeatureSupported(unsigned int featureId) override;
+    int GetStimulationDeviceInfo(SQsStimulationDeviceInfo& out) const override;
     unsigned int StimulationModeGet() override;
     unsigned int StimulationAreaGetCount() override;
     double GetStimulationExposureTimeCombined(std::uint64_t index) override;
@@ -154,9 +164,13 @@ public:
         EXPECT_EQ(0, M().RegisterSimpleStimulationDevice(&device));
         return device;
     }
-    CQsFakeDevice& Special(const wchar_t* name) { return List(name, &Manager::SpecialDevicesAdd); }
-    CQsFakeDevice& OptConf(const wchar_t* name) { return List(name, &Manager::OptConfDevicesAdd); }
-    CQsFakeDevice& Shutter(const wchar_t* name) { return List(name, &Manager::ShuttersAdd); }
+    template <class Device = CQsFakeDevice>
+    Device& Special(const wchar_t* name)
+    {
+        return List<Device>(name, &Manager::SpecialDevicesAdd);
+    }
+    CQsFakeDevice& OptConf(const wchar_t* name) { return List<CQsFakeDevice>(name, &Manager::OptConfDevicesAdd); }
+    CQsFakeDevice& Shutter(const wchar_t* name) { return List<CQsFakeDevice>(name, &Manager::ShuttersAdd); }
 
     // A static device whose object exists already. Its class name is "Class-" and the name, its module this program.
     template <class Device = CQsFakeDevice>
@@ -208,9 +222,10 @@ public:
     const std::string& Folder() const { return m_folder; }
 
 private:
-    CQsFakeDevice& List(const wchar_t* name, void (Manager::*add)(IQsStimulationDevice*))
+    template <class Device>
+    Device& List(const wchar_t* name, void (Manager::*add)(IQsStimulationDevice*))
     {
-        CQsFakeDevice& device = Make(name);
+        Device& device = Make<Device>(name);
         device.AddRef(); // handed over
         (M().*add)(&device);
         return device;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <future>
 
 using namespace QsTest;
 using ::testing::ElementsAre;
@@ -314,6 +315,40 @@ TEST_F(Notifications, MayGoBesideAChangeOfTheSets)
     EXPECT_EQ(0u, Calls().Count("0 change 2"));
 }
 
+namespace {
+
+CGate* s_inside; // opened by the first command function that runs
+CGate* s_leave;  // and what it waits for
+
+void WaitInCommand(unsigned command)
+{
+    Calls().Add("begin " + std::to_string(command));
+    s_inside->Open();
+    s_leave->Pass();
+    Calls().Add("end " + std::to_string(command));
+}
+
+} // namespace
+
+TEST_F(Notifications, OfCommandsWaitForTheOneThatIsBeingHandled)
+{
+    CWatchdog watchdog("two commands");
+    CGate inside;
+    CGate leave;
+    s_inside = &inside;
+    s_leave = &leave;
+    M().AddCallbackForStimulationOCCommand(&WaitInCommand);
+    std::thread first([] { M().FireCallbackForStimulationOCCommand(Manager::eOCCommandStimulationBegin); });
+    inside.Pass();
+    auto second = std::async(std::launch::async,
+                             [] { M().FireCallbackForStimulationOCCommand(Manager::eOCCommandStimulationEnd); });
+    EXPECT_EQ(std::future_status::timeout, second.wait_for(std::chrono::milliseconds(40)));
+    leave.Open();
+    first.join();
+    second.get();
+    EXPECT_THAT(Calls().Entries(), ElementsAre("begin 1", "end 1", "begin 16", "end 16"));
+}
+
 // ---------------------------------------------------------------------------------------------------------- listeners
 
 TEST_F(Notifications, OfListenersGiveTheReferenceValues)
@@ -402,4 +437,18 @@ TEST_F(Notifications, LetAListenerRegisterAndNotify)
     EXPECT_EQ(0, M().NotifyStimulationDeviceManagerEventListeners());
     EXPECT_EQ(2u, m_listeners[0].iCalls);
     EXPECT_EQ(2u, m_listeners[1].iCalls);
+}
+
+TEST_F(Notifications, DoNotAskAListenerAgainThatUnregisteredItselfWithABadAnswer)
+{
+    CListener& leaving = m_listeners[0];
+    leaving.iFirst = leaving.iSecond = -9;
+    leaving.onCall = [&leaving] { M().UnregisterStimulationDeviceManagerEventListener(&leaving); };
+    M().RegisterStimulationDeviceManagerEventListener(&leaving);
+    M().RegisterStimulationDeviceManagerEventListener(&m_listeners[1]);
+    M().NotifyStimulationDeviceManagerEventListeners();
+    EXPECT_EQ(1u, leaving.iCalls);
+    EXPECT_EQ(1u, m_listeners[1].iCalls);
+    EXPECT_EQ(0, M().NotifyStimulationDeviceManagerEventListeners());
+    EXPECT_EQ(1u, leaving.iCalls);
 }

@@ -199,3 +199,26 @@ TEST_F(RecentlyUsed, MayBeChangedByACallbackWhileOneIsActivated)
     EXPECT_TRUE(Info(L"B").bActive);
     EXPECT_THAT(Mru(), IsEmpty());
 }
+
+TEST_F(RecentlyUsed, MayBeNamedByTheirOwnText)
+{
+    Access::SetMru(M(), {L"A", L"B", L"C"});
+    Access::MruSet(M(), Access::MruText(M(), 1));
+    EXPECT_THAT(Mru(), ElementsAre(L"B", L"A", L"C"));
+    // Longer than what a string keeps within itself.
+    Access::SetMru(M(), {L"A", L"a device with a rather long name", L"C"});
+    Access::MruSet(M(), Access::MruText(M(), 1));
+    EXPECT_THAT(Mru(), ElementsAre(L"a device with a rather long name", L"A", L"C"));
+}
+
+TEST_F(RecentlyUsed, MayBeActivatedByTheirOwnText)
+{
+    Simple(L"A");
+    CQsFakeDevice& b = Simple(L"B");
+    Simple(L"C");
+    M().Update();
+    Access::SetMru(M(), {L"A", L"B", L"C"});
+    EXPECT_EQ(0, M().SetActive(Access::MruText(M(), 1), false));
+    EXPECT_EQ(&b, M().GetActive());
+    EXPECT_THAT(Mru(), ElementsAre(L"B", L"A", L"C"));
+}

@@ -40,14 +40,34 @@ std::future<void> LockOnAnyThread(CQsRegistryLock& lock)
     return std::async(std::launch::async, [&lock] { const Scope scope(lock); });
 }
 
-std::future<void> LockOnWorker(CQsRegistryLock& lock)
+constexpr CQsRegistryLock::Run s_run = 7;      // the stimulation that owners wait for
+constexpr CQsRegistryLock::Run s_otherRun = 8; // and one that was started meanwhile
+
+std::future<void> LockOnWorkerOf(CQsRegistryLock::Run run, CQsRegistryLock& lock)
 {
     return std::async(std::launch::async,
-                      [&lock]
+                      [run, &lock]
                       {
-                          const Worker worker;
+                          const Worker worker(run);
                           const Scope scope(lock);
                       });
+}
+
+std::future<void> LockOnWorker(CQsRegistryLock& lock)
+{
+    return LockOnWorkerOf(s_run, lock);
+}
+
+std::future<void> LockOnAnotherWorker(CQsRegistryLock& lock)
+{
+    return LockOnWorkerOf(s_otherRun, lock);
+}
+
+// Without annotations, as for Scope.
+void AnnounceWithin(CQsRegistryLock& lock) QS_NO_THREAD_SAFETY_ANALYSIS
+{
+    const Announcement inner(lock);
+    EXPECT_TRUE(CQsRegistryLock::IsAnnouncingThread());
 }
 
 std::future<void> LockForAnnouncement(CQsRegistryLock& lock)
@@ -56,8 +76,9 @@ std::future<void> LockForAnnouncement(CQsRegistryLock& lock)
 }
 
 using Locker = std::future<void> (*)(CQsRegistryLock&);
-constexpr Locker s_allLockers[] = {&LockOnAnyThread, &LockOnWorker, &LockForAnnouncement};
+constexpr Locker s_allLockers[] = {&LockOnAnyThread, &LockOnWorker, &LockOnAnotherWorker, &LockForAnnouncement};
 constexpr Locker s_borrowers[] = {&LockOnWorker, &LockForAnnouncement};
+constexpr Locker s_strangers[] = {&LockOnAnyThread, &LockOnAnotherWorker};
 
 } // namespace
 
@@ -92,7 +113,7 @@ TEST_F(RegistryLock, IsLentToTheWorkerAndToAnnouncementsWhileItsOwnerWaits)
     {
         const Scope first(m_lock);
         const Scope second(m_lock); // at whatever depth
-        const Parked parked(m_lock);
+        const Parked parked(m_lock, s_run);
         EXPECT_TRUE(IsThrough(borrower(m_lock), s_patience));
         EXPECT_TRUE(IsThrough(borrower(m_lock), s_patience));
     }
@@ -105,21 +126,43 @@ TEST_F(RegistryLock, LetsABorrowerInThatWaitedBeforeItsOwnerDid)
         const Scope scope(m_lock);
         std::future<void> other = borrower(m_lock);
         EXPECT_FALSE(IsThrough(other, s_keptOut));
-        const Parked parked(m_lock);
+        const Parked parked(m_lock, s_run);
         EXPECT_TRUE(IsThrough(other, s_patience));
     }
 }
 
-TEST_F(RegistryLock, IsNotLentToOtherThreads)
+TEST_F(RegistryLock, IsLentNeitherToOtherThreadsNorToTheWorkerOfAnotherStimulation)
 {
-    std::future<void> other;
+    for (const Locker stranger : s_strangers)
     {
-        const Scope scope(m_lock);
-        const Parked parked(m_lock);
-        other = LockOnAnyThread(m_lock);
-        EXPECT_FALSE(IsThrough(other, s_keptOut));
+        std::future<void> other;
+        {
+            const Scope scope(m_lock);
+            {
+                const Parked parked(m_lock, s_run);
+                other = stranger(m_lock);
+                EXPECT_FALSE(IsThrough(other, s_keptOut));
+                EXPECT_TRUE(IsThrough(LockOnWorker(m_lock), s_patience)); // who waits there keeps no borrower out
+            }
+            EXPECT_FALSE(IsThrough(other, s_keptOut));
+        }
+        EXPECT_TRUE(IsThrough(other, s_patience));
     }
-    EXPECT_TRUE(IsThrough(other, s_patience));
+}
+
+TEST_F(RegistryLock, IsLentToTheWorkerOfTheInnermostWaitAndThenOfTheOuterOneAgain)
+{
+    const Scope scope(m_lock);
+    const Parked parked(m_lock, s_run);
+    std::future<void> first;
+    {
+        const Scope again(m_lock);
+        const Parked inner(m_lock, s_otherRun);
+        EXPECT_TRUE(IsThrough(LockOnAnotherWorker(m_lock), s_patience));
+        first = LockOnWorker(m_lock);
+        EXPECT_FALSE(IsThrough(first, s_keptOut));
+    }
+    EXPECT_TRUE(IsThrough(first, s_patience));
 }
 
 TEST_F(RegistryLock, IsNotLentAnyMoreWhenItsOwnerGoesOn)
@@ -128,7 +171,7 @@ TEST_F(RegistryLock, IsNotLentAnyMoreWhenItsOwnerGoesOn)
     {
         const Scope scope(m_lock);
         {
-            const Parked parked(m_lock);
+            const Parked parked(m_lock, s_run);
         }
         other = LockOnWorker(m_lock);
         EXPECT_FALSE(IsThrough(other, s_keptOut));
@@ -145,11 +188,11 @@ TEST_F(RegistryLock, HoldsItsOwnerBackUntilTheBorrowerIsDone)
     std::future<void> borrower;
     std::future<void> releaser;
     {
-        const Parked parked(m_lock);
+        const Parked parked(m_lock, s_run);
         borrower = std::async(std::launch::async,
                               [&]
                               {
-                                  const Worker worker;
+                                  const Worker worker(s_run);
                                   const Scope inner(m_lock);
                                   const Scope again(m_lock); // a borrower's hold is recursive too
                                   borrowed.Open();
@@ -171,14 +214,14 @@ TEST_F(RegistryLock, HoldsItsOwnerBackUntilTheBorrowerIsDone)
 TEST_F(RegistryLock, IsLentOnByABorrowerThatWaits)
 {
     const Scope scope(m_lock);
-    const Parked parked(m_lock);
+    const Parked parked(m_lock, s_run);
     auto borrower = std::async(std::launch::async,
                                [this]
                                {
                                    const Announcement announcement(m_lock);
                                    auto worker = LockOnWorker(m_lock);
                                    EXPECT_FALSE(IsThrough(worker, s_keptOut));
-                                   const Parked inner(m_lock);
+                                   const Parked inner(m_lock, s_run);
                                    EXPECT_TRUE(IsThrough(worker, s_patience));
                                });
     EXPECT_TRUE(IsThrough(borrower, s_patience));
@@ -189,7 +232,7 @@ TEST_F(RegistryLock, ServesOneBorrowerAtATime)
     CGate release;
     CGate borrowed;
     const Scope scope(m_lock);
-    const Parked parked(m_lock);
+    const Parked parked(m_lock, s_run);
     auto first = std::async(std::launch::async,
                             [&]
                             {
@@ -208,14 +251,14 @@ TEST_F(RegistryLock, ServesOneBorrowerAtATime)
 TEST_F(RegistryLock, IsNotLentWhileItsWaitingOwnerUsesItItself)
 {
     const Scope scope(m_lock);
-    const Parked parked(m_lock);
+    const Parked parked(m_lock, s_run);
     std::future<void> other;
     {
         const Scope again(m_lock);
         other = LockOnWorker(m_lock);
         EXPECT_FALSE(IsThrough(other, s_keptOut));
         {
-            const Parked inner(m_lock); // a wait inside the wait lends it again
+            const Parked inner(m_lock, s_run); // a wait inside the wait lends it again
             EXPECT_TRUE(IsThrough(other, s_patience));
         }
         other = LockOnWorker(m_lock);
@@ -226,24 +269,95 @@ TEST_F(RegistryLock, IsNotLentWhileItsWaitingOwnerUsesItItself)
 
 TEST_F(RegistryLock, IsNotTakenByAThreadThatParksWithoutIt)
 {
-    const Parked parked(m_lock);
+    const Parked parked(m_lock, s_run);
     EXPECT_TRUE(IsThrough(LockOnAnyThread(m_lock), s_patience));
 }
 
 TEST_F(RegistryLock, KnowsTheWorkersThreadWhileItsScopeLasts)
 {
-    EXPECT_FALSE(CQsRegistryLock::IsWorkerThread());
+    EXPECT_EQ(0u, CQsRegistryLock::WorkerRun());
     {
-        const Worker outer;
-        EXPECT_TRUE(CQsRegistryLock::IsWorkerThread());
-        {
-            const Worker inner;
-            EXPECT_TRUE(CQsRegistryLock::IsWorkerThread());
-        }
-        EXPECT_TRUE(CQsRegistryLock::IsWorkerThread());
-        EXPECT_FALSE(std::async(std::launch::async, [] { return CQsRegistryLock::IsWorkerThread(); }).get());
+        const Worker worker(s_run);
+        EXPECT_EQ(s_run, CQsRegistryLock::WorkerRun());
+        EXPECT_EQ(0u, std::async(std::launch::async, [] { return CQsRegistryLock::WorkerRun(); }).get());
     }
-    EXPECT_FALSE(CQsRegistryLock::IsWorkerThread());
+    EXPECT_EQ(0u, CQsRegistryLock::WorkerRun());
+}
+
+TEST_F(RegistryLock, KnowsTheThreadThatAnnouncesWhileAnyOfItsAnnouncementsLasts)
+{
+    EXPECT_FALSE(CQsRegistryLock::IsAnnouncingThread());
+    {
+        const Announcement outer(m_lock);
+        EXPECT_TRUE(CQsRegistryLock::IsAnnouncingThread());
+        std::async(std::launch::async, [] { EXPECT_FALSE(CQsRegistryLock::IsAnnouncingThread()); }).get();
+        AnnounceWithin(m_lock);
+        EXPECT_TRUE(CQsRegistryLock::IsAnnouncingThread());
+    }
+    EXPECT_FALSE(CQsRegistryLock::IsAnnouncingThread());
+}
+
+// ------------------------------------------------------------------------------------------------------------ changes
+
+TEST_F(RegistryLock, IsNotChangedByAThreadThatDoesNotHoldIt)
+{
+    m_lock.BeginChange();
+    EXPECT_FALSE(m_lock.IsChanging());
+    const Scope scope(m_lock);
+    EXPECT_FALSE(m_lock.IsChanging());
+}
+
+TEST_F(RegistryLock, IsChangedUntilTheHoldEndsInWhichTheChangeBegan)
+{
+    const Scope outer(m_lock);
+    {
+        const Scope scope(m_lock);
+        EXPECT_FALSE(m_lock.IsChanging());
+        m_lock.BeginChange();
+        EXPECT_TRUE(m_lock.IsChanging());
+        {
+            const Scope inner(m_lock);
+            EXPECT_TRUE(m_lock.IsChanging());
+            m_lock.BeginChange(); // belongs to the change that began further out
+        }
+        EXPECT_TRUE(m_lock.IsChanging());
+    }
+    EXPECT_FALSE(m_lock.IsChanging());
+    m_lock.BeginChange();
+    EXPECT_TRUE(m_lock.IsChanging());
+}
+
+TEST_F(RegistryLock, IsNotChangedAnyMoreByAWaitingOwnerWhenItsInnerHoldEnds)
+{
+    const Scope scope(m_lock);
+    {
+        const Parked parked(m_lock, s_run);
+        {
+            const Scope inner(m_lock); // out of the device that the wait aborts
+            m_lock.BeginChange();
+            EXPECT_TRUE(m_lock.IsChanging());
+        }
+        EXPECT_FALSE(m_lock.IsChanging());
+        EXPECT_TRUE(IsThrough(LockOnWorker(m_lock), s_patience)); // and it is lent again
+    }
+    EXPECT_FALSE(m_lock.IsChanging());
+}
+
+TEST_F(RegistryLock, IsChangedByTheThreadThatBeganTheChangeAndByNoOther)
+{
+    const Scope scope(m_lock);
+    m_lock.BeginChange();
+    const Parked parked(m_lock, s_run);
+    const auto borrow = [this]
+    {
+        const Announcement announcement(m_lock);
+        EXPECT_FALSE(m_lock.IsChanging());
+        m_lock.BeginChange();
+        EXPECT_TRUE(m_lock.IsChanging());
+    };
+    std::async(std::launch::async, borrow).get();
+    EXPECT_TRUE(m_lock.IsChanging());
+    std::async(std::launch::async, [this] { EXPECT_FALSE(m_lock.IsChanging()); }).get();
 }
 
 TEST_F(RegistryLock, KeepsOneThreadAtATimeInsideWhateverTheyAre)
@@ -270,7 +384,7 @@ TEST_F(RegistryLock, KeepsOneThreadAtATimeInsideWhateverTheyAre)
             const Scope scope(m_lock);
             enter();
             {
-                const Parked parked(m_lock);
+                const Parked parked(m_lock, s_run);
                 std::this_thread::yield();
             }
             enter();
@@ -286,7 +400,7 @@ TEST_F(RegistryLock, KeepsOneThreadAtATimeInsideWhateverTheyAre)
     };
     const auto working = [&]
     {
-        const Worker worker;
+        const Worker worker(s_run);
         plain();
     };
     std::vector<std::thread> threads;

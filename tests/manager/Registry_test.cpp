@@ -400,3 +400,97 @@ TEST_F(Registry, DescribesADeviceByItsNameUntilItIsTold)
     EXPECT_EQ(&device, copy.pDevice);
     EXPECT_EQ(before, QsStandalone::ReferenceCount(&device));
 }
+
+TEST_F(Registry, RemovingAListTakesItsDevicesOutOfBothLookupsById)
+{
+    struct SList
+    {
+        CQsFakeDevice& device;
+        void (Manager::*removeAll)();
+    };
+    const SList lists[] = {{Special(L"S"), &Manager::SpecialDevicesRemoveAll},
+                           {OptConf(L"O"), &Manager::OptConfDevicesRemoveAll},
+                           {Shutter(L"T"), &Manager::ShuttersRemoveAll}};
+    CQsFakeDevice& other = Simple(L"A");
+    for (CQsFakeDevice* const device : {&lists[0].device, &lists[1].device, &lists[2].device, &other})
+    {
+        device->info.vecLogDevIds = {5};
+        device->info.vecPhysDevIds = {6};
+    }
+    M().Update();
+    std::set<IQsStimulationDevice*> expected = {&lists[0].device, &lists[1].device, &lists[2].device, &other};
+    std::set<IQsStimulationDevice*> found;
+    for (const SList& list : lists)
+    {
+        ASSERT_EQ(0, M().GetStimulationDevicesForLogDevId(5, found));
+        EXPECT_EQ(expected, found);
+        (M().*list.removeAll)();
+        expected.erase(&list.device);
+        ASSERT_EQ(0, M().GetStimulationDevicesForLogDevId(5, found));
+        EXPECT_EQ(expected, found);
+        ASSERT_EQ(0, M().GetStimulationDevicesForPhysDevId(6, found));
+        EXPECT_EQ(expected, found);
+    }
+}
+
+TEST_F(Registry, KeepsTheEntryAndTheIdsOfAnUnregisteredDeviceThatAnotherListHas)
+{
+    CQsFakeDevice& special = Special(L"S");
+    CQsFakeDevice& fixed = Static(L"T");
+    for (CQsFakeDevice* const device : {&special, &fixed})
+    {
+        device->info.vecLogDevIds = {5};
+        device->info.vecPhysDevIds = {6};
+        ASSERT_EQ(0, M().RegisterSimpleStimulationDevice(device));
+    }
+    M().Update();
+    ASSERT_EQ(0, M().UnregisterSimpleStimulationDevice(&special));
+    ASSERT_EQ(0, M().UnregisterSimpleStimulationDevice(&fixed));
+    EXPECT_EQ(&special, M().GetDevice(L"S"));
+    EXPECT_EQ(&fixed, M().GetDevice(L"T"));
+    const std::set<IQsStimulationDevice*> expected = {&special, &fixed};
+    std::set<IQsStimulationDevice*> found;
+    EXPECT_EQ(0, M().GetStimulationDevicesForLogDevId(5, found));
+    EXPECT_EQ(expected, found);
+    EXPECT_EQ(0, M().GetStimulationDevicesForPhysDevId(6, found));
+    EXPECT_EQ(expected, found);
+}
+
+TEST_F(Registry, KeepsTheIdsOfADeviceOfAnEmptiedListThatIsASimpleDeviceToo)
+{
+    CQsFakeDevice& device = Special(L"S");
+    device.info.vecLogDevIds = {5};
+    device.info.vecPhysDevIds = {6};
+    ASSERT_EQ(0, M().RegisterSimpleStimulationDevice(&device));
+    M().Update();
+    M().SpecialDevicesRemoveAll();
+    std::set<IQsStimulationDevice*> found;
+    EXPECT_EQ(0, M().GetStimulationDevicesForLogDevId(5, found));
+    EXPECT_THAT(found, ElementsAre(&device));
+    EXPECT_EQ(0, M().GetStimulationDevicesForPhysDevId(6, found));
+    EXPECT_THAT(found, ElementsAre(&device));
+    M().Update();
+    EXPECT_EQ(&device, M().GetDevice(L"S"));
+}
+
+TEST_F(Registry, RemovingAListForgetsADeviceAlsoWhenItHasChangedItsName)
+{
+    auto alive = std::make_shared<std::atomic<int>>(1);
+    auto renamed = Ref<CQsFakeDevice>::Make(L"S");
+    renamed->pAlive = alive;
+    renamed->AddRef(); // handed over
+    M().SpecialDevicesAdd(renamed.get());
+    CQsFakeDevice& other = Simple(L"B");
+    M().Update();
+    ASSERT_EQ(0, M().SetActive(L"S", false));
+    renamed->sName = L"S2";
+    renamed = Ref<CQsFakeDevice>();
+    M().SpecialDevicesRemoveAll();
+    ASSERT_EQ(0, *alive);
+    EXPECT_EQ(nullptr, M().GetActive());
+    EXPECT_EQ(nullptr, M().GetDevice(L"S"));
+    EXPECT_EQ(0, M().SetActive(L"B", false));
+    EXPECT_EQ(&other, M().GetActive());
+    EXPECT_EQ(0, M().Update());
+    EXPECT_THAT(DeviceNames(), ElementsAre("B"));
+}

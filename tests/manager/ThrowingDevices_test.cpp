@@ -210,3 +210,21 @@ TEST_F(ThrowingCall, OfSetActiveLeavesTheDeviceActive)
     EXPECT_FALSE(Info(L"A").bActive);
     EXPECT_TRUE(Info(L"B").bActive);
 }
+
+TEST_F(ThrowingCall, OfGetUniqueNameDoesNotStopTheRemovalOfAList)
+{
+    Special(L"A");
+    CProbeDevice& throwing = Special<CProbeDevice>(L"B");
+    CQsFakeDevice& last = Special(L"C");
+    M().Update();
+    throwing.onName = [] { Throw(); };
+    M().SpecialDevicesRemoveAll();
+    EXPECT_TRUE(Access::SpecialDevices(M()).empty());
+    EXPECT_EQ(1u, QsStandalone::ReferenceCount(&throwing));
+    EXPECT_EQ(1u, QsStandalone::ReferenceCount(&last));
+    for (const wchar_t* const name : {L"A", L"B", L"C"})
+        EXPECT_EQ(nullptr, M().GetDevice(name));
+    throwing.onName = nullptr;
+    EXPECT_EQ(-13, M().Update());
+    EXPECT_EQ(0u, M().GetDeviceCount());
+}

@@ -3,7 +3,7 @@
 #include "tests/manager/ManagerTest.h"
 
 using namespace QsTest;
-using ::testing::IsEmpty;
+using ::testing::ElementsAre;
 
 namespace {
 
@@ -237,23 +237,47 @@ TEST_F(WaitUnderLock, LetsAnAbortedDeviceAnnounceItsStateFromItsAbort)
     device.onAbort = nullptr;
 }
 
-TEST_F(WaitUnderLock, LetsAStateCallbackOfADriversThreadWaitForTheSameStimulation)
+TEST_F(WaitUnderLock, IsRefusedAtOnceToAStateCallbackThatTheDeviceWaitsFor)
 {
-    CWatchdog watchdog("two waits for one stimulation");
-    static std::atomic<int> s_status;
-    s_status = 1;
-    CProbeDevice& device = Active<CProbeDevice>(L"A");
-    device.bBeginBlocks = true;
+    CWatchdog watchdog("a state callback that waits");
+    static CQsFakeDevice* s_stranger;
+    static std::vector<int> s_statuses; // handed over with the end of the driver's thread
+    s_stranger = m_other;
+    CQsFakeDevice& device = Active(L"A");
     M().AddCallbackForDeviceStateChange(
-        [](IQsStimulationDevice*, unsigned) { s_status = Access::WaitForStimulationEnd(M(), 0, true); });
+        [](IQsStimulationDevice*, unsigned)
+        {
+            s_statuses = {M().RegisterSimpleStimulationDevice(s_stranger), M().UnregisterSimpleStimulationDevice(s_stranger),
+                          M().Update(), M().SetActive(L"A", false), Access::WaitForStimulationEnd(M(), 30000, true)};
+        });
+    std::chrono::steady_clock::duration lasted{};
+    device.onBegin = [&](const Request&)
+    {
+        const auto begin = std::chrono::steady_clock::now();
+        std::thread driver([&device] { device.DeviceStateChangedCallback(1); });
+        driver.join();
+        lasted = std::chrono::steady_clock::now() - begin;
+        return 0;
+    };
     CFinish& finish = NewFinish();
-    ASSERT_EQ(0, Start(finish));
-    ASSERT_TRUE(device.log.WaitFor("StimulationBegin(2, 1)"));
-    std::thread driver([&device] { device.DeviceStateChangedCallback(1); });
-    EXPECT_EQ(0, M().Update());
-    driver.join();
-    EXPECT_EQ(0, s_status);
-    EXPECT_EQ(1u, finish.Calls().size());
+    std::size_t runs = 0;
+    for (const bool bSomebodyWaits : {false, true})
+    {
+        s_statuses.clear();
+        ASSERT_EQ(0, Start(finish));
+        if (bSomebodyWaits)
+        {
+            EXPECT_EQ(0, M().Update());
+        }
+        ASSERT_TRUE(finish.WaitFor(++runs));
+        ASSERT_TRUE(WaitIdle());
+        EXPECT_THAT(s_statuses, ElementsAre(-9, -9, -9, -9, -9));
+        EXPECT_LT(lasted, std::chrono::seconds(2)); // the shortest of the waits
+        EXPECT_EQ(0u, device.log.Count("StimulationAbort()"));
+        watchdog.Step();
+    }
+    EXPECT_EQ(&device, M().GetActive());
+    EXPECT_EQ(1u, QsStandalone::ReferenceCount(m_other));
 }
 
 TEST_F(WaitUnderLock, KeepsOtherThreadsOutOfTheMapWhileItWaits)

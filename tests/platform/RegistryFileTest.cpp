@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -300,6 +301,53 @@ TEST_F(RegistryFile, AFolderThatCannotBeMadeIsAWriteFault)
     EXPECT_EQ(nullptr, key);
     EXPECT_EQ(ERROR_FILE_NOT_FOUND, RegOpenKeyW(HKEY_CURRENT_USER, kPath, &key));
     EXPECT_EQ("a file, not a folder", Content(file));
+}
+
+TEST_F(RegistryFile, KeysAreAtMost512LevelsDeep)
+{
+    std::wstring deepest = L"k";
+    for (int level = 2; level <= 512; ++level)
+        deepest += L"\\k";
+    HKEY key = Create(HKEY_CURRENT_USER, deepest.c_str());
+    EXPECT_EQ(ERROR_SUCCESS, SetBytes(key, L"value", REG_BINARY, {7}));
+    HKEY below = nullptr;
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegCreateKeyW(key, L"k", &below));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegOpenKeyW(key, L"k", &below));
+    EXPECT_EQ(nullptr, below);
+    EXPECT_EQ((Bytes{7}), ValueOf(key, L"value"));
+    EXPECT_EQ(ERROR_SUCCESS, RegCloseKey(key));
+    EXPECT_EQ(ERROR_INVALID_PARAMETER, RegCreateKeyW(HKEY_CURRENT_USER, (deepest + L"\\k").c_str(), &below));
+}
+
+TEST_F(RegistryFile, AFileWithADeeperKeyIsDamaged)
+{
+    std::string deep = "k";
+    for (int level = 2; level <= 300000; ++level)
+        deep += "\\\\k";
+    Write(File(), R"({"format": "qsstimulation-registry", "version": 1, "keys": {")" + deep + R"(": {}}})");
+    std::vector<QsPlatform::SRegistryValue> values;
+    std::string error;
+    EXPECT_FALSE(QsPlatform::ListRegistry(HKEY_CURRENT_USER, values, error));
+    EXPECT_THAT(error, testing::HasSubstr("512"));
+}
+
+TEST_F(RegistryFile, APipeInItsPlaceIsNotWaitedFor)
+{
+    ASSERT_EQ(0, mkfifo(File().c_str(), 0600));
+    HKEY key = nullptr;
+    EXPECT_EQ(ERROR_WRITE_FAULT, RegCreateKeyW(HKEY_CURRENT_USER, kPath, &key));
+    std::vector<QsPlatform::SRegistryValue> values;
+    std::string error;
+    EXPECT_FALSE(QsPlatform::ListRegistry(HKEY_CURRENT_USER, values, error));
+    EXPECT_THAT(error, testing::HasSubstr(File()));
+    EXPECT_TRUE(fs::is_fifo(File()));
+}
+
+TEST_F(RegistryFile, APipeInPlaceOfItsLockIsNotWaitedFor)
+{
+    ASSERT_EQ(0, mkfifo((File() + ".lock").c_str(), 0600));
+    HKEY key = nullptr;
+    EXPECT_EQ(ERROR_WRITE_FAULT, RegCreateKeyW(HKEY_CURRENT_USER, kPath, &key));
 }
 
 TEST_F(RegistryFile, SomethingElseInItsPlaceIsAWriteFault)

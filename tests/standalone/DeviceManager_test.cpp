@@ -211,8 +211,10 @@ TEST(Shutter, WritesCallLightAndReturnInThisOrder)
         lines.push_back(kinds[static_cast<int>(entry.kind)] + entry.text);
     }
     EXPECT_THAT(lines,
-                ElementsAre("call Shutter_SetState(open)", "on", "return Shutter_SetState(open)",
-                            "call Shutter_SetState(close)", "off", "return Shutter_SetState(close)"));
+                ElementsAre("call Shutter_SetState(open, false, true)", "on",
+                            "return Shutter_SetState(open, false, true)",
+                            "call Shutter_SetState(close, false, true)", "off",
+                            "return Shutter_SetState(close, false, true)"));
 }
 
 TEST(Shutter, OfNoLightMovesInTheDark)

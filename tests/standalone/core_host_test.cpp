@@ -154,7 +154,8 @@ int UnregisterItself(const wchar_t*, const wchar_t*, const wchar_t*, bool, bool)
     return CQsScript::UnregisterProc_Exe(L"Proc");
 }
 
-int Register(const wchar_t* name, QsScriptDeviceProcedure procedure, const wchar_t* parameters = L"Image;Pattern;One;Over")
+int Register(const wchar_t* name, QsScriptDeviceProcedure procedure,
+             const wchar_t* parameters = L"Image;Pattern;One;Over")
 {
     return CQsScript::Register_ProcToGroupWithGUIProc(name, L"Group", nullptr, parameters, procedure);
 }
@@ -178,7 +179,8 @@ TEST_F(Script, CallsAProcedureWithItsParametersByNameAndDefaults)
     ASSERT_EQ(Register(L"Proc", &Record), 0);
     int result = -77;
     std::string error;
-    EXPECT_TRUE(CQsScriptHost::Call("Proc", "caf\xC3\xA9", {{"Over", "true"}, {"Pattern", "p"}}, result, error)) << error;
+    EXPECT_TRUE(CQsScriptHost::Call("Proc", "caf\xC3\xA9", {{"Over", "true"}, {"Pattern", "p"}}, result, error))
+        << error;
     EXPECT_EQ(result, -42);
     EXPECT_EQ(s_called, "caf\xC3\xA9|default.tif|p|1|1");
     EXPECT_TRUE(CQsScriptHost::Call("Proc", "", {{"Image", "i"}, {"One", "0"}}, result, error));
@@ -322,7 +324,8 @@ TEST(RuntimeEvent, MayUnregisterConsumersThatHaveNotBeenToldYet)
         DMApi::AppRntm_RegisterConsumer(consumer);
         DMApi::AppRntm_RegisterEvent(consumer, L"Event");
     }
-    first.onEvent = [&] {
+    first.onEvent = [&]
+    {
         DMApi::AppRntm_UnregisterConsumer(&second);
         DMApi::AppRntm_UnregisterConsumer(&first); // itself, while it is called
     };
@@ -356,7 +359,8 @@ TEST(RuntimeEvent, IsOverWhenAConsumerHasBeenUnregistered)
     std::promise<void> goOn;
     std::atomic<bool> left{false};
     SConsumer consumer;
-    consumer.onEvent = [&] {
+    consumer.onEvent = [&]
+    {
         inside.set_value();
         goOn.get_future().wait();
         left = true;
@@ -366,11 +370,13 @@ TEST(RuntimeEvent, IsOverWhenAConsumerHasBeenUnregistered)
     std::thread teller([] { Tell(L"Event"); });
     inside.get_future().wait();
     std::atomic<bool> unregistered{false};
-    std::thread owner([&] {
-        DMApi::AppRntm_UnregisterConsumer(&consumer);
-        EXPECT_TRUE(left);
-        unregistered = true;
-    });
+    std::thread owner(
+        [&]
+        {
+            DMApi::AppRntm_UnregisterConsumer(&consumer);
+            EXPECT_TRUE(left);
+            unregistered = true;
+        });
     EXPECT_FALSE(unregistered); // somebody is inside
     goOn.set_value();
     owner.join();

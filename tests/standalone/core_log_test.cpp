@@ -162,10 +162,12 @@ TEST(DiagnosticLog, LosesNoLineOfSeveralThreads)
     ASSERT_TRUE(CQsDiagnosticLog::ToFile(folder.File("host.log"), 0, 0, error));
     std::vector<std::thread> writers;
     for (int t = 0; t < threads; ++t)
-        writers.emplace_back([t] {
-            for (int i = 0; i < lines; ++i)
-                DiagOutputExW(L"Thread", t, L"%d", i);
-        });
+        writers.emplace_back(
+            [t]
+            {
+                for (int i = 0; i < lines; ++i)
+                    DiagOutputExW(L"Thread", t, L"%d", i);
+            });
     for (std::thread& writer : writers)
         writer.join();
 

@@ -148,13 +148,15 @@ TEST(ClassRecords, OfADamagedPairAreNamedAndTheOthersKept)
     const std::string good = ClassBytes("CQsGood", "Good");
     const std::string parents = ParentsText("CQsBad");
     const std::string version = VersionText("CQsBad", "1", "Bad");
-    const auto without = [](std::string text, const std::string& part) { return text.erase(text.find(part), part.size()); };
+    const auto without = [](std::string text, const std::string& part)
+    { return text.erase(text.find(part), part.size()); };
     const struct
     {
         std::string records;
         const char* says;
     } cases[] = {
-        {RecordBytes(without(parents, "<m_parent5 runtype=\"CQsStringW\" value=\"\"/>")) + RecordBytes(version), "m_parent5"},
+        {RecordBytes(without(parents, "<m_parent5 runtype=\"CQsStringW\" value=\"\"/>")) + RecordBytes(version),
+         "m_parent5"},
         {RecordBytes(without(parents, "</variant>")) + RecordBytes(version), "not well-formed"},
         {RecordBytes(parents + "x") + RecordBytes(version), "not well-formed"},
         {RecordBytes(parents) + RecordBytes(VersionText("CQsOther", "1", "Bad")), "expected \"CQsBad\""},
@@ -200,11 +202,12 @@ TEST(ClassRecords, SurviveRandomDamage)
     std::mt19937 random(20240521);
     for (const std::string& whole : modules)
     {
-        for (int round = 0; round < 400; ++round)
+        for (int round = 0; round < 2000; ++round)
         {
             std::string damaged = whole;
             for (unsigned i = 0; i < 1 + random() % 4; ++i)
-                damaged[random() % 3 == 0 ? random() % 512 : random() % damaged.size()] = static_cast<char>(random() & 0xFF);
+                damaged[random() % 3 == 0 ? random() % 512 : random() % damaged.size()] =
+                    static_cast<char>(random() & 0xFF);
             const SModuleFile module = ReadBytes(folder, damaged);
             ASSERT_LE(module.classes.size(), 3u);
             ASSERT_EQ(module.error.find('\n'), std::string::npos);

@@ -61,9 +61,9 @@ IQsInterface* MakeUncounted(const char*, unsigned)
 struct SCoded
 {
     SCoded(const char* name, QsClassConstructor constructor, const char* parent = itf, const char* second = nullptr)
-        : info(name, parent, second, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, sizeof(CCounted), constructor)
-    {
-    }
+        : info(name, parent, second, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, sizeof(CCounted),
+               constructor)
+    {}
     CQsClassInfo info;
 };
 
@@ -144,13 +144,15 @@ TEST(CountedObject, CountsTheReferencesOfSeveralThreads)
     object->AddRef();
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
-        threads.emplace_back([object] {
-            for (int i = 0; i < 5000; ++i)
+        threads.emplace_back(
+            [object]
             {
-                CQsRTTI::AddRef(object);
-                CQsRTTI::Release(object);
-            }
-        });
+                for (int i = 0; i < 5000; ++i)
+                {
+                    CQsRTTI::AddRef(object);
+                    CQsRTTI::Release(object);
+                }
+            });
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(ReferenceCount(object), 1u);
@@ -206,7 +208,7 @@ TEST(ClassRegistry, ListsClassesInOrderOfRegistrationWhileTheyLive)
 TEST(ClassRegistry, NamesTheProgramAsModuleOfItsOwnClasses)
 {
     static const SCoded coded("CQsCoded", &MakeCounted); // as every real class: part of its file's data
-    std::vector<SQsClassEntry> entries(1); // what is there is kept
+    std::vector<SQsClassEntry> entries(1);               // what is there is kept
     CQsRTTI::FindClasses(itf, "", "", entries);
     ASSERT_EQ(entries.size(), 2u);
     EXPECT_EQ(entries[1].module.ToUtf8(), std::filesystem::canonical("/proc/self/exe").string());
@@ -391,17 +393,19 @@ TEST(Modules, MayBeLoadedListedAndScannedByManyThreads)
     CQsModules::ScanFolder(probes + "/Probe");
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
-        threads.emplace_back([t] {
-            for (int i = 0; i < 20; ++i)
+        threads.emplace_back(
+            [t]
             {
-                CQsRTTI::Release(Create("CQsNestingProbe"));
-                const SCoded coded("CQsTransient", &MakeCounted);
-                EXPECT_GE(Found(itf).size(), 4u);
-                EXPECT_GE(KnownClasses().size(), 4u);
-                if (t == 0 && i % 5 == 0)
-                    CQsModules::ScanFile(probeModule);
-            }
-        });
+                for (int i = 0; i < 20; ++i)
+                {
+                    CQsRTTI::Release(Create("CQsNestingProbe"));
+                    const SCoded coded("CQsTransient", &MakeCounted);
+                    EXPECT_GE(Found(itf).size(), 4u);
+                    EXPECT_GE(KnownClasses().size(), 4u);
+                    if (t == 0 && i % 5 == 0)
+                        CQsModules::ScanFile(probeModule);
+                }
+            });
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(LiveObjectCount(), 0u);

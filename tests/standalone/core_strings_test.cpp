@@ -126,10 +126,10 @@ TEST(Utf8, SurvivesTheRoundTrip)
 TEST(Utf8, ReplacesWhatIsMalformedAndDropsNothing)
 {
     EXPECT_EQ(Wide("a\xFFz"), CQsStringW(L"a\uFFFDz"));
-    EXPECT_EQ(Wide("a\xC3"), CQsStringW(L"a\uFFFD"));               // cut off
-    EXPECT_EQ(Wide("\xE2\x82z"), CQsStringW(L"\uFFFDz"));           // cut off, then more
-    EXPECT_EQ(Wide("\xC0\xAF"), CQsStringW(L"\uFFFD\uFFFD"));       // overlong
-    EXPECT_EQ(Wide("\xED\xA0\x80"), CQsStringW(L"\uFFFD\uFFFD\uFFFD")); // a surrogate
+    EXPECT_EQ(Wide("a\xC3"), CQsStringW(L"a\uFFFD"));                             // cut off
+    EXPECT_EQ(Wide("\xE2\x82z"), CQsStringW(L"\uFFFDz"));                         // cut off, then more
+    EXPECT_EQ(Wide("\xC0\xAF"), CQsStringW(L"\uFFFD\uFFFD"));                     // overlong
+    EXPECT_EQ(Wide("\xED\xA0\x80"), CQsStringW(L"\uFFFD\uFFFD\uFFFD"));           // a surrogate
     EXPECT_EQ(Wide("\xF4\x90\x80\x80"), CQsStringW(L"\uFFFD\uFFFD\uFFFD\uFFFD")); // beyond U+10FFFF
     const wchar_t lone[] = {L'a', static_cast<wchar_t>(0xDC00), L'z', static_cast<wchar_t>(0xD800), 0};
     EXPECT_EQ(Narrow(CQsStringW(lone)), "a\xEF\xBF\xBDz\xEF\xBF\xBD");
@@ -137,7 +137,8 @@ TEST(Utf8, ReplacesWhatIsMalformedAndDropsNothing)
 
 TEST(Format, TakesTextsAsWideOrNarrowByTheirConversion)
 {
-    EXPECT_EQ(CQsStringW::Format(L"%s|%ls|%hs|%S|%c|%lc|%hc", L"wide\u20AC", L"w", "n\xE2\x82\xAC", "s", L'\u20AC', L'b', 'c'),
+    EXPECT_EQ(CQsStringW::Format(L"%s|%ls|%hs|%S|%c|%lc|%hc", L"wide\u20AC", L"w", "n\xE2\x82\xAC", "s", L'\u20AC',
+                                 L'b', 'c'),
               CQsStringW(L"wide\u20AC|w|n\u20AC|s|\u20AC|b|c"));
     EXPECT_EQ(CQsStringW::Format(L"[%5s][%-5hs][%.2s][%.*hs]", L"ab", "ab", L"abc", 1, "xyz"),
               CQsStringW(L"[   ab][ab   ][ab][x]"));
@@ -171,8 +172,8 @@ TEST(Format, WritesIntegers)
 
 TEST(Format, WritesRealNumbers)
 {
-    EXPECT_EQ(CQsStringW::Format(L"%f %.2f %.0f %#.0f %e %.1E %g %G %g", 1.5, 2.25, 3.0, 3.0, 12345.678, 0.00012, 0.0001,
-                                 1e-10, 1e20),
+    EXPECT_EQ(CQsStringW::Format(L"%f %.2f %.0f %#.0f %e %.1E %g %G %g", 1.5, 2.25, 3.0, 3.0, 12345.678, 0.00012,
+                                 0.0001, 1e-10, 1e20),
               CQsStringW(L"1.500000 2.25 3 3. 1.234568e+04 1.2E-04 0.0001 1E-10 1e+20"));
     EXPECT_EQ(CQsStringW::Format(L"[%8.2f][%-8.2f][%08.2f][%+.1f][% .1f][%.*f]", 3.14, 3.14, -3.14, 2.0, 2.0, 3, 0.5),
               CQsStringW(L"[    3.14][3.14    ][-0003.14][+2.0][ 2.0][0.500]"));
@@ -204,8 +205,8 @@ TEST(Format, KnowsNoLimitOfLength)
 TEST(Format, AgreesWithTheCLibraryOnNumbers)
 {
     const double numbers[] = {0.0, 1.0, -2.5, 1e-300, 1.7976931348623157e308, 123456789.123456789, 0.1, 9.995, 5e-324};
-    const char* const formats[] = {"%f", "%.3f", "%e", "%.10e", "%g", "%.12g", "%#g", "%#.4g", "%+012.4f", "%-15.2e|", "%.0e",
-                                   "%#.0e", "%G"};
+    const char* const formats[] = {"%f",    "%.3f",     "%e",       "%.10e", "%g",    "%.12g", "%#g",
+                                   "%#.4g", "%+012.4f", "%-15.2e|", "%.0e",  "%#.0e", "%G"};
     for (const char* const format : formats)
     {
         for (const double number : numbers)
@@ -236,9 +237,10 @@ TEST(StringToDouble, TakesTheNumberThatTheTextBeginsWith)
     {
         const wchar_t* text;
         double value;
-    } cases[] = {{L"90.00", 90.0}, {L"1.50x", 1.5},   {L"  -2.5", -2.5}, {L"+3", 3.0},     {L".5", 0.5},       {L"5.", 5.0},
-                 {L"1e3", 1000.0}, {L"1e", 1.0},      {L"1e+x", 1.0},    {L"\t7", 7.0},    {L"0x10", 0.0},     {L"1.2.3", 1.2},
-                 {L"-0", 0.0},     {L"1e-400", 0.0},  {L"5-3", 5.0},     {L"-1e-999", 0.0}};
+    } cases[] = {{L"90.00", 90.0}, {L"1.50x", 1.5},  {L"  -2.5", -2.5}, {L"+3", 3.0},
+                 {L".5", 0.5},     {L"5.", 5.0},     {L"1e3", 1000.0},  {L"1e", 1.0},
+                 {L"1e+x", 1.0},   {L"\t7", 7.0},    {L"0x10", 0.0},    {L"1.2.3", 1.2},
+                 {L"-0", 0.0},     {L"1e-400", 0.0}, {L"5-3", 5.0},     {L"-1e-999", 0.0}};
     for (const auto& c : cases)
     {
         double value = -77.0;
@@ -249,8 +251,9 @@ TEST(StringToDouble, TakesTheNumberThatTheTextBeginsWith)
 
 TEST(StringToDouble, LeavesTheValueWhenThereIsNoNumber)
 {
-    const wchar_t* const texts[] = {L"<none>", L"", L"   ", L"inf", L"-inf", L"nan", L"infinity", L"x1", L"-", L"+-1", L".",
-                                    L"e5", L".e5", L"--1", L"1e400", L"-1e999999999999", nullptr};
+    const wchar_t* const texts[] = {L"<none>", L"",    L"   ", L"inf", L"-inf", L"nan", L"infinity", L"x1",
+                                    L"-",      L"+-1", L".",   L"e5",  L".e5",  L"--1", L"1e400",    L"-1e999999999999",
+                                    nullptr};
     for (const wchar_t* const text : texts)
     {
         double value = -77.0;

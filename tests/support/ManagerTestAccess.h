@@ -16,15 +16,14 @@ struct CQsStimulationDeviceManagerTestAccess
         CQsScopedLock<CQsRecursiveMutex> lock(manager.m_lockBeampath);
         manager.m_beampathDevices = devices;
     }
-    static void SetActiveBeampathId(Manager& manager, int beampathId)
-    {
-        CQsScopedLock<CQsRecursiveMutex> lock(manager.m_lockOC);
-        manager.m_activeBeampathId = beampathId;
-    }
+    static void SetActiveBeampathId(Manager& manager, int beampathId) { manager.m_activeBeampathId = beampathId; }
     static void SetActiveStimulationBPId(Manager& manager, int beampathId)
     {
         manager.SetActiveStimulationBPId(beampathId);
     }
+    static bool AreBeampathsDirty(const Manager& manager) { return manager.m_bBeampathsDirty; }
+    // As the rebuild of the beampaths leaves the flag.
+    static void CleanBeampaths(Manager& manager) { manager.m_bBeampathsDirty = false; }
     static bool IsDatabaseMode(const Manager& manager) { return manager.m_bDatabaseMode; }
 
     // --- recently used names
@@ -39,6 +38,12 @@ struct CQsStimulationDeviceManagerTestAccess
         manager.m_mru = names;
     }
     static CQsStringW MruGet(const Manager& manager, unsigned index) { return manager.MruGet(index); }
+    // The list's own text, which a change of the list moves or destroys.
+    static const wchar_t* MruText(const Manager& manager, std::size_t index)
+    {
+        CQsScopedLock<CQsMutex> lock(manager.m_lockMru);
+        return manager.m_mru.at(index).c_str();
+    }
     static void MruSet(Manager& manager, const wchar_t* name) { manager.MruSet(name); }
     static void MruLoad(Manager& manager) { manager.MruLoad(); }
     static void MruSave(Manager& manager) { manager.MruSave(); }

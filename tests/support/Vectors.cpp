@@ -7,29 +7,6 @@
 #include <limits>
 #include <stdexcept>
 
-// The library's own test for room adds to a pointer that is null while the stack is empty, which is undefined.
-namespace rapidjson {
-namespace internal {
-
-template <>
-template <>
-inline void Stack<CrtAllocator>::Reserve<Value>(std::size_t count)
-{
-    if (static_cast<std::size_t>(stackEnd_ - stackTop_) < sizeof(Value) * count)
-        Expand<Value>(count);
-}
-
-template <>
-template <>
-inline void Stack<CrtAllocator>::Reserve<char>(std::size_t count)
-{
-    if (static_cast<std::size_t>(stackEnd_ - stackTop_) < count)
-        Expand<char>(count);
-}
-
-} // namespace internal
-} // namespace rapidjson
-
 namespace QsTest {
 namespace {
 
