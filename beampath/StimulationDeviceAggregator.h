@@ -26,19 +26,19 @@ public:
     IQsInterface* QueryInterface(const char* name) override;
 
     // IQsStimulationDevice
-    CQsStringW GetUniqueName() const override; // empty
-    bool IsHWConnected() override; // false
-    bool IsVisible() override; // false
-    int SetActive(bool bActive) override; // -2: a beampath is activated by its id at the manager
+    CQsStringW GetUniqueName() const override;                // empty
+    bool IsHWConnected() override;                            // false
+    bool IsVisible() override;                                // false
+    int SetActive(bool bActive) override;                     // -2: a beampath is activated by its id at the manager
     bool IsFeatureSupported(unsigned int featureId) override; // false
-    bool IsFeatureEnabled(unsigned int featureId) override; // false
+    bool IsFeatureEnabled(unsigned int featureId) override;   // false
     EQsStimulationDeviceType GetStimulationDeviceType() const override;
     CQsStringW GetLocalizedStringForUI(unsigned int stringId) override; // empty
     int HWSequencerEnable(bool bEnable) override;
     double GetAcquisitionExposureTime() override;
     int GetStimulationExposureTime(double* pdExposure, unsigned int index) override;
     double GetStimulationExposureTimeCombined(std::uint64_t index) override;
-    unsigned int StimulationModeGet() override; // 3
+    unsigned int StimulationModeGet() override;      // 3
     unsigned int StimulationAreaGetCount() override; // regions of the last StimulationAreaSet
     // Keeps copies of what is given; a null scan area leaves the kept one as it is. Returns 0. [any thread]
     int StimulationAreaSet(const std::vector<CQsRoiObject>& regions, const SQsRLEPicBuf& picture,

@@ -31,12 +31,12 @@ public:
     IQsInterface* QueryInterface(const char* name) override;
 
     // IQsStimulationDevice
-    CQsStringW GetUniqueName() const override; // "StimulationDeviceProxy_%d"
-    bool IsHWConnected() override; // the id is above 0
-    bool IsVisible() override; // the id is above 0
-    int SetActive(bool bActive) override; // -2
+    CQsStringW GetUniqueName() const override;                // "StimulationDeviceProxy_%d"
+    bool IsHWConnected() override;                            // the id is above 0
+    bool IsVisible() override;                                // the id is above 0
+    int SetActive(bool bActive) override;                     // -2
     bool IsFeatureSupported(unsigned int featureId) override; // 1 to 3
-    bool IsFeatureEnabled(unsigned int featureId) override; // 1 to 3
+    bool IsFeatureEnabled(unsigned int featureId) override;   // 1 to 3
     EQsStimulationDeviceType GetStimulationDeviceType() const override;
     CQsStringW GetLocalizedStringForUI(unsigned int stringId) override; // the same for every id
     int HWSequencerEnable(bool bEnable) override;

@@ -45,8 +45,8 @@ void Callbacks(benchmark::State& state)
     const auto ours = [&]
     {
         fired += operations;
-        return TimeEach(operations, [&manager]
-                        { manager.FireCallbackForChange(CQsStimulationDeviceManager::eChangeDeviceList); });
+        return TimeEach(operations,
+                        [&manager] { manager.FireCallbackForChange(CQsStimulationDeviceManager::eChangeDeviceList); });
     };
     const auto limit = [&]
     {

@@ -28,8 +28,7 @@ class CFireDevice : public CNamedDevice
 public:
     CFireDevice(SFireRecord& record, double dExposureMs)
         : CNamedDevice(L"Fires"), m_record(record), m_dExposureMs(dExposureMs)
-    {
-    }
+    {}
     unsigned StimulationModeGet() override { return s_modeRepeatedPatterns; }
     unsigned StimulationAreaGetCount() override { return 1; }
     double GetStimulationExposureTimeCombined(std::uint64_t) override { return m_dExposureMs; }

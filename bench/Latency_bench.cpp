@@ -216,8 +216,7 @@ void AbortToReturn(benchmark::State& state)
         }
         woken.notify_one();
         while (!partner.WaitForReturn(patience))
-        {
-        }
+        {}
         return partner.ReturnedNs() - t0;
     };
     const SSamples samples = MeasurePairs(state, ours, limit);

@@ -131,8 +131,7 @@ public:
                   std::unique_lock<std::mutex> lock(m_mutex);
                   m_changed.wait(lock, [this] { return m_bEnd; });
               })
-    {
-    }
+    {}
     ~CSleeper()
     {
         {

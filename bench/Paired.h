@@ -17,7 +17,7 @@ struct SRow
     std::string limit;
     double dOurs = 0.0;
     double dLimit = 0.0;
-    double dReach = 0.0;          // largest ratio that is good enough
+    double dReach = 0.0; // largest ratio that is good enough
     std::string unit = "ns";
 
     double Ratio() const { return dOurs / dLimit; }

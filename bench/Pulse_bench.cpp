@@ -59,8 +59,7 @@ void Pulse(benchmark::State& state)
         std::unique_lock<std::mutex> lock(mutex);
         const auto t0 = std::chrono::steady_clock::now();
         while (never.wait_until(lock, t0 + length) != std::cv_status::timeout)
-        {
-        }
+        {}
         return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - t0).count() - dLengthNs;
     };
     const SSamples samples = MeasurePairs(state, ours, limit);

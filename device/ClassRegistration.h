@@ -47,17 +47,20 @@ constexpr SPair<N1, N2> MakePair(const char16_t (&parents)[N1], const char16_t (
 #define QS_NO_PARENT_RECORD_(n) u"<m_parent" QS_TO_U16(#n) u" runtype=\"CQsStringW\" value=\"\"/>"
 
 #define QS_CLASS_PARENTS_RECORD(Class, parent)                                                                         \
-    u"<variant version=\"1.0\"><" QS_TO_U16(#Class) u" runtype=\"RQsRttiClass\">"                                      \
-    u"<m_parent1 runtype=\"CQsStringW\" value=\"" QS_TO_U16(parent) u"\"/>"                                            \
-    QS_NO_PARENT_RECORD_(2) QS_NO_PARENT_RECORD_(3) QS_NO_PARENT_RECORD_(4) QS_NO_PARENT_RECORD_(5)                    \
-    QS_NO_PARENT_RECORD_(6) QS_NO_PARENT_RECORD_(7) QS_NO_PARENT_RECORD_(8) QS_NO_PARENT_RECORD_(9)                    \
-    u"</" QS_TO_U16(#Class) u"></variant>"
+    u"<variant version=\"1.0\"><" QS_TO_U16(                                                                           \
+        #Class) u" runtype=\"RQsRttiClass\">"                                                                          \
+                u"<m_parent1 runtype=\"CQsStringW\" value=\"" QS_TO_U16(parent) u"\"/>" QS_NO_PARENT_RECORD_(2)        \
+                    QS_NO_PARENT_RECORD_(3) QS_NO_PARENT_RECORD_(4) QS_NO_PARENT_RECORD_(5) QS_NO_PARENT_RECORD_(6)    \
+                        QS_NO_PARENT_RECORD_(7) QS_NO_PARENT_RECORD_(8)                                                \
+                            QS_NO_PARENT_RECORD_(9) u"</" QS_TO_U16(#Class) u"></variant>"
 
 #define QS_CLASS_VERSION_RECORD(Class, version, friendlyName)                                                          \
-    u"<variant version=\"1.0\"><" QS_TO_U16(#Class) u" runtype=\"CQsListVariant\">"                                    \
-    u"<m_version value=\"" QS_TO_U16(#version) u"\" runtype=\"qs_int32\"/>"                                            \
-    u"<m_friendlyName value=\"" QS_TO_U16(friendlyName) u"\" runtype=\"CQsStringW\"/>"                                 \
-    u"</" QS_TO_U16(#Class) u"></variant>"
+    u"<variant version=\"1.0\"><" QS_TO_U16(                                                                           \
+        #Class) u" runtype=\"CQsListVariant\">"                                                                        \
+                u"<m_version value=\"" QS_TO_U16(#version) u"\" runtype=\"qs_int32\"/>"                                \
+                                                           u"<m_friendlyName value=\"" QS_TO_U16(                      \
+                                                               friendlyName) u"\" runtype=\"CQsStringW\"/>"            \
+                                                                             u"</" QS_TO_U16(#Class) u"></variant>"
 
 // Once in the .cpp of the class, at namespace scope. `friendlyName` is a narrow string literal.
 // clang-format off

@@ -1,5 +1,5 @@
-// One line to the host's diagnostic log under the source unit that the .cpp names: define QS_DIAG_UNIT as a wide literal
-// after the includes. Log texts stand whole at the call, so that a search finds them.
+// One line to the host's diagnostic log under the source unit that the .cpp names: define QS_DIAG_UNIT as a wide
+// literal after the includes. Log texts stand whole at the call, so that a search finds them.
 #pragma once
 
 #include "host/QsSystem.h"

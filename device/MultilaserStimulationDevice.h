@@ -52,9 +52,9 @@ public:
     int StimulationValidate(const SQsExperiment* pExperiment, CQsStringW& message) override;
     int GetStimulationDeviceInfo(SQsStimulationDeviceInfo& info) const override;
 
-    virtual void SetLogDevId(unsigned int uiLogDevId);        // slot 29
-    virtual IQsStimulationPhysDev* GetDriver();               // slot 30
-    virtual void SetDriver(IQsStimulationPhysDev* pDriver);   // slot 31; not owned
+    virtual void SetLogDevId(unsigned int uiLogDevId);      // slot 29
+    virtual IQsStimulationPhysDev* GetDriver();             // slot 30
+    virtual void SetDriver(IQsStimulationPhysDev* pDriver); // slot 31; not owned
 
     // -12 while the device database is not initialised, -9 without a manager, else the manager's result.
     // [host, takes R, blocks]

@@ -17,7 +17,8 @@ constexpr std::uint32_t noShutterIndex = 0xFFFFFFFFu;
 
 } // namespace
 
-CQsShutterStimulationDevice::CQsShutterStimulationDevice() : m_hStopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+CQsShutterStimulationDevice::CQsShutterStimulationDevice() : m_hStopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr))
+{}
 
 const CQsClassInfo* CQsShutterStimulationDevice::GetCQsClassInfo()
 {

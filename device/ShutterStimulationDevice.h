@@ -72,8 +72,8 @@ public:
     int UnregisterSimpleStimulationDevice();
 
 protected:
-    // The stop event is not closed: the device may be destroyed while a thread is still inside the event's wait, and the
-    // handle lives until the process ends.
+    // The stop event is not closed: the device may be destroyed while a thread is still inside the event's wait, and
+    // the handle lives until the process ends.
     ~CQsShutterStimulationDevice() override = default;
 
 private:

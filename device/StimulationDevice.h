@@ -71,7 +71,7 @@ class QS_STIM_API IQsStimulationDevice : virtual public IQsInterface
 public:
     enum EQsStimulationDeviceType : std::uint32_t
     {
-        eStimDevGeneric = 0,   // also the device of a whole beampath
+        eStimDevGeneric = 0, // also the device of a whole beampath
         eStimDevShutter = 1,
         eStimDevMultilaser = 2
     };
@@ -79,9 +79,9 @@ public:
     // Kinds of stimulation (SQsStimulationType::uiType).
     enum EQsStimulationKind : std::uint32_t
     {
-        eStimContinuous = 1,       // light from StimulationBegin until StimulationEnd
-        eStimTimed = 2,            // light for dDurationMs; StimulationBegin returns when that has passed
-        eStimRepeatedPatterns = 3  // StimulationBegin prepares uiRepeatCount shots, StimulationFire fires each
+        eStimContinuous = 1,      // light from StimulationBegin until StimulationEnd
+        eStimTimed = 2,           // light for dDurationMs; StimulationBegin returns when that has passed
+        eStimRepeatedPatterns = 3 // StimulationBegin prepares uiRepeatCount shots, StimulationFire fires each
     };
 
     // Stimulation mode of devices that split a stimulation into exposures (see StimulationModeGet).
@@ -107,28 +107,28 @@ public:
     // before crop offsets) differ; saved settings and other plug-ins depend on both.
     struct QS_STIM_API SQsScanAreaDesc
     {
-        double dZoom = 1.0;           // relative to the full field
-        double dAngle = 0.0;          // [deg]
-        double dXOffset = 0.0;        // of the centre from the field's centre
+        double dZoom = 1.0;    // relative to the full field
+        double dAngle = 0.0;   // [deg]
+        double dXOffset = 0.0; // of the centre from the field's centre
         double dYOffset = 0.0;
         double dScanAreaAspect = 1.0;
-        bool bIsCrop = false;         // acquisition is cropped to the area below
+        bool bIsCrop = false; // acquisition is cropped to the area below
         double dCropXOffset = 0.0;
         double dCropYOffset = 0.0;
         double dCropZoom = 1.0;
         double dCropAspect = 1.0;
         std::vector<CQsPointBase<double>> Points;
-        std::uint32_t uiTag = 0;      // copied with the record; neither saved nor read by this module
+        std::uint32_t uiTag = 0; // copied with the record; neither saved nor read by this module
 
-        // Writes the record as named items dZoom dAngle dXOffset dYOffset dScanAreaAspect bIsCrop dCropZoom dCropXOffset
-        // dCropYOffset dCropAspect uiPointCoint, then dPoint<i>x and dPoint<i>y for each point. What the tree held is
-        // removed; its type-change setting is as before. Returns 0. [any thread]
+        // Writes the record as named items dZoom dAngle dXOffset dYOffset dScanAreaAspect bIsCrop dCropZoom
+        // dCropXOffset dCropYOffset dCropAspect uiPointCoint, then dPoint<i>x and dPoint<i>y for each point. What the
+        // tree held is removed; its type-change setting is as before. Returns 0. [any thread]
         int SaveToVariant(CQsVariant& v) const;
         // -9, and nothing changed, when dZoom or dCropAspect is missing. Other missing items read as the tree's default
         // (0, false), not as the record's. A point with one coordinate missing is skipped. Else 0. [any thread]
         int LoadFromVariant(const CQsVariant& v);
-        // The same keys; the points as one binary block "Points" (x, y as little-endian doubles), absent without points.
-        // Returns 0. [any thread]
+        // The same keys; the points as one binary block "Points" (x, y as little-endian doubles), absent without
+        // points. Returns 0. [any thread]
         int SaveToLiteVariant(CQsLiteVariantW& w) const;
         // A missing key leaves its field as it is; the points are always replaced. A count that the store cannot back
         // with a whole block yields no points. Returns 0. [any thread]

@@ -49,7 +49,8 @@ class QS_HOST_API DMApi
 {
 public:
     // Opens or closes a shutter and returns when its blade has come to rest. `bTriggered` false: at once, without
-    // waiting for a trigger; `bWait` true: wait for the blade. False when the shutter is missing or refused. [any thread]
+    // waiting for a trigger; `bWait` true: wait for the blade. False when the shutter is missing or refused. [any
+    // thread]
     static CQsDMApiBool Shutter_SetState(CDMApi_LogDevId_Shutter id, bool bOpen, bool bTriggered, bool bWait);
     static CDMApi_LogDevIndex_Shutter Shutter_GetIndex(CDMApi_LogDevId_Shutter id);
     // Name for the user, valid until the shutter is removed; null when there is no such shutter.

@@ -8,8 +8,8 @@ struct SQsGrabberFormatDesc
 {
     CQsStringW sName;
     CQsStringW sUserName;
-    CQsSizeBase<int> size;    // frame [px]
-    CQsSizeBase<int> binning; // camera pixels in one frame pixel
+    CQsSizeBase<int> size;     // frame [px]
+    CQsSizeBase<int> binning;  // camera pixels in one frame pixel
     double dPixelSizeX = -1.0; // [um]
     double dPixelSizeY = -1.0; // [um]
     double fx = -1.0;          // horizontal chip scale

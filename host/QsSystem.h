@@ -67,12 +67,30 @@ private:
     std::wstring m_text;
 };
 
-inline CQsStringW operator+(CQsStringW a, const CQsStringW& b) { return a += b; }
-inline bool operator==(const CQsStringW& a, const CQsStringW& b) noexcept { return a.Compare(b) == 0; }
-inline bool operator==(const CQsStringW& a, const wchar_t* b) noexcept { return a.Compare(b) == 0; }
-inline bool operator!=(const CQsStringW& a, const CQsStringW& b) noexcept { return a.Compare(b) != 0; }
-inline bool operator!=(const CQsStringW& a, const wchar_t* b) noexcept { return a.Compare(b) != 0; }
-inline bool operator<(const CQsStringW& a, const CQsStringW& b) noexcept { return a.Compare(b) < 0; }
+inline CQsStringW operator+(CQsStringW a, const CQsStringW& b)
+{
+    return a += b;
+}
+inline bool operator==(const CQsStringW& a, const CQsStringW& b) noexcept
+{
+    return a.Compare(b) == 0;
+}
+inline bool operator==(const CQsStringW& a, const wchar_t* b) noexcept
+{
+    return a.Compare(b) == 0;
+}
+inline bool operator!=(const CQsStringW& a, const CQsStringW& b) noexcept
+{
+    return a.Compare(b) != 0;
+}
+inline bool operator!=(const CQsStringW& a, const wchar_t* b) noexcept
+{
+    return a.Compare(b) != 0;
+}
+inline bool operator<(const CQsStringW& a, const CQsStringW& b) noexcept
+{
+    return a.Compare(b) < 0;
+}
 
 // 8-bit value string for class and interface names; compares bytes.
 class QS_HOST_API CQsStringA
@@ -256,7 +274,13 @@ struct CQsRectBase
 class QS_HOST_API CQsVariant
 {
 public:
-    enum class Type { List, Double, Bool, Unsigned };
+    enum class Type
+    {
+        List,
+        Double,
+        Bool,
+        Unsigned
+    };
 
     CQsVariant() = default; // an empty list
     CQsVariant(double value, const wchar_t* name);
@@ -275,7 +299,7 @@ public:
     std::size_t GetCount() const { return m_items.size(); }
     const CQsVariant& GetItem(std::size_t index) const; // the default value when there is no such item
 
-    const CQsVariant* FindItem(const wchar_t* name) const; // first item of that name at the first level, or null
+    const CQsVariant* FindItem(const wchar_t* name) const;   // first item of that name at the first level, or null
     const CQsVariant& operator[](const wchar_t* name) const; // the default value when there is no such item
 
     double ToDouble() const;
@@ -323,7 +347,7 @@ private:
 class QS_HOST_API CQsLiteVariantR
 {
 public:
-    CQsLiteVariantR(); // an empty store
+    CQsLiteVariantR();                                       // an empty store
     explicit CQsLiteVariantR(const CQsLiteVariantW& writer); // a copy of what the writer holds, every level closed
     ~CQsLiteVariantR();
     CQsLiteVariantR(const CQsLiteVariantR&) = delete;
@@ -336,10 +360,10 @@ public:
     // left as they are.
     std::size_t GetBinary(const wchar_t* key, void* bytes, std::size_t count) const;
 
-    std::size_t GetEntryCount() const;               // entries (values and levels) of the current level
+    std::size_t GetEntryCount() const;                // entries (values and levels) of the current level
     CQsStringW GetEntryName(std::size_t index) const; // empty when there is no such entry
-    bool EnterLevel(const wchar_t* name);            // first level of that name; false: stays where it is
-    void LeaveLevel();                               // nothing at the top level
+    bool EnterLevel(const wchar_t* name);             // first level of that name; false: stays where it is
+    void LeaveLevel();                                // nothing at the top level
 
 private:
     SQsLiteLevel* m_root;

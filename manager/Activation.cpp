@@ -114,12 +114,16 @@ int CQsStimulationDeviceManager::SetActive(const wchar_t* name, bool bFromMru)
     // Before the test for "already active": the caller relies on nothing running when this returns 0.
     if (WaitForStimulationEnd(activationTimeoutMs, false) != QS_OK)
     {
-        QS_DIAG(L"CQsStimulationDeviceManager::SetActive(%s, %s) - premature end, timeout when waiting for stimulation end, QS_ERR_FAIL", szName, szFromMru);
+        QS_DIAG(
+            L"CQsStimulationDeviceManager::SetActive(%s, %s) - premature end, timeout when waiting for stimulation end, QS_ERR_FAIL",
+            szName, szFromMru);
         return QS_ERR_FAIL;
     }
     if (m_active != m_devices.end() && m_active->second.sName == sName)
     {
-        QS_DIAG(L"CQsStimulationDeviceManager::SetActive(%s, %s) - premature end, stimulation device already active, QS_OK", szName, szFromMru);
+        QS_DIAG(
+            L"CQsStimulationDeviceManager::SetActive(%s, %s) - premature end, stimulation device already active, QS_OK",
+            szName, szFromMru);
         return QS_OK;
     }
 
@@ -144,7 +148,9 @@ int CQsStimulationDeviceManager::SetActive(const wchar_t* name, bool bFromMru)
     }
     if (found == m_devices.end())
     {
-        QS_DIAG(L"CQsStimulationDeviceManager::SetActive(%s, %s) - premature end, could not find stimulation device in map, QS_ERR_FAIL", szName, szFromMru);
+        QS_DIAG(
+            L"CQsStimulationDeviceManager::SetActive(%s, %s) - premature end, could not find stimulation device in map, QS_ERR_FAIL",
+            szName, szFromMru);
         return QS_ERR_FAIL;
     }
 
@@ -213,7 +219,8 @@ int CQsStimulationDeviceManager::SetActiveV4(bool bActive)
     return first == v4DeviceName ? statusNotFound : SetActive(first.c_str(), false);
 }
 
-// -------------------------------------------------------------------------------------------------- recently used names
+// -------------------------------------------------------------------------------------------------- recently used
+// names
 
 int CQsStimulationDeviceManager::SetActiveMru(unsigned index)
 {
@@ -254,8 +261,8 @@ void CQsStimulationDeviceManager::MruLoad()
         DWORD type = 0;
         DWORD size = sizeof(text);
         const CQsStringW value = CQsStringW::Format(mruValueFormat, static_cast<int>(i));
-        if (RegQueryValueExW(m_hRegistryKey, value.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(text.data()), &size) !=
-                ERROR_SUCCESS ||
+        if (RegQueryValueExW(m_hRegistryKey, value.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(text.data()),
+                             &size) != ERROR_SUCCESS ||
             type != REG_SZ || size > sizeof(text))
             continue;
         const auto end = text.begin() + size / sizeof(char16_t);
@@ -287,7 +294,8 @@ void CQsStimulationDeviceManager::Save()
     MruSave();
 }
 
-// ------------------------------------------------------------------------------------------------------------- registry
+// -------------------------------------------------------------------------------------------------------------
+// registry
 
 // What was recently used belongs to the user, the options to the machine.
 void CQsStimulationDeviceManager::OpenUserKey()

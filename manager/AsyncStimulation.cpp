@@ -74,8 +74,8 @@ SOutcome Try(const wchar_t* operation, int line, Call call)
     return QsCallOr(SOutcome(), operation, line, [&] { return SOutcome{call(), false}; });
 }
 
-// Whatever happened before it, a stimulation that may have begun is ended; where the end itself throws, the abort is what
-// is left to put the light out.
+// Whatever happened before it, a stimulation that may have begun is ended; where the end itself throws, the abort is
+// what is left to put the light out.
 SOutcome End(IQsStimulationDevice& device, STimes& times)
 {
     const SOutcome end = Try(L"StimulationEnd", __LINE__,
@@ -203,12 +203,13 @@ void* CQsStimulationDeviceManager::StimulateTimedAsyncThreadProc(void* pManager)
                      return 0;
                  });
     times.Drop();
+    // Before the manager counts as idle: from then on an owner may destroy a device that is not reference counted.
+    CQsRTTI::Release(device);
 
     manager.m_lockS.lock();
     manager.m_pRequest.reset();
     manager.m_pFinish = nullptr;
     manager.m_lockS.unlock();
-    CQsRTTI::Release(device); // last: it may be the device's end
     return nullptr;
 }
 

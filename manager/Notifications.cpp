@@ -74,8 +74,8 @@ int CQsStimulationDeviceManager::NotifyStimulationDeviceManagerEventListeners()
         // Whom an earlier listener unregistered may be gone.
         if (!m_listeners.Contains(listener))
             continue;
-        // Asked twice on purpose: the comparison and the kept value are two calls, and listeners rely on both. The second
-        // answer is the result also when it is better.
+        // Asked twice on purpose: the comparison and the kept value are two calls, and listeners rely on both. The
+        // second answer is the result also when it is better.
         if (listener->AvailableStimulationDevicesChanged() < result && m_listeners.Contains(listener))
             result = listener->AvailableStimulationDevicesChanged();
     }

@@ -29,10 +29,10 @@ CQsRecursiveMutex& CreationLock()
 // themselves. The two galvo scanner classes are not among them: they would be left out in database mode only, where no
 // static device is loaded at all.
 constexpr std::array<const char*, 12> notStaticClasses = {
-    "CQsShutterStimulationDevice",   "CQsOptConfStimulationDevice",      "CQsStimulationDeviceMosaic",
-    "CQsStimulationDeviceMosaicSim", "CQsStimulationDeviceMightex",      "CQsStimulationDeviceMightexSim",
-    "CQsMightexAggregator",          "CQsMightexAggregatorSim",          "CQsStimulationDeviceFrappa",
-    "CQsStimulationDeviceFrappaSim", "CQsStimulationDeviceAggregator",   "CQsStimulationDeviceProxy"};
+    "CQsShutterStimulationDevice",   "CQsOptConfStimulationDevice",    "CQsStimulationDeviceMosaic",
+    "CQsStimulationDeviceMosaicSim", "CQsStimulationDeviceMightex",    "CQsStimulationDeviceMightexSim",
+    "CQsMightexAggregator",          "CQsMightexAggregatorSim",        "CQsStimulationDeviceFrappa",
+    "CQsStimulationDeviceFrappaSim", "CQsStimulationDeviceAggregator", "CQsStimulationDeviceProxy"};
 
 template <class Container>
 bool Contains(const Container& container, IQsStimulationDevice* device)
@@ -181,8 +181,7 @@ bool CQsStimulationDeviceManager::SQsDeviceInfo::ProvideDevice()
     }
     else if (pDevice == nullptr)
     {
-        IQsInterface* const object =
-            CQsRTTI::CreateAndQuery(sClassName.c_str(), "IQsStimulationDevice", "no file", -1);
+        IQsInterface* const object = CQsRTTI::CreateAndQuery(sClassName.c_str(), "IQsStimulationDevice", "no file", -1);
         pDevice = dynamic_cast<IQsStimulationDevice*>(object);
         if (pDevice == nullptr)
             CQsRTTI::Release(object);
@@ -216,8 +215,9 @@ int CQsStimulationDeviceManager::StaticDeviceAdd(const SQsDeviceInfo& info)
 // The device of the class keeps the reference of its creation: the device map and the host may still know it.
 int CQsStimulationDeviceManager::StaticDeviceRemove(const char* className)
 {
-    const auto found = std::find_if(m_staticDevices.begin(), m_staticDevices.end(), [className](const SQsDeviceInfo& info)
-                                    { return info.sClassName.Compare(className) == 0; });
+    const auto found =
+        std::find_if(m_staticDevices.begin(), m_staticDevices.end(),
+                     [className](const SQsDeviceInfo& info) { return info.sClassName.Compare(className) == 0; });
     if (found == m_staticDevices.end())
         return statusNotFound;
     m_staticDevices.erase(found);
@@ -451,7 +451,8 @@ int CQsStimulationDeviceManager::GetStimulationDevicesForLogDevId(unsigned id, s
     return DevicesForId(m_devicesByLogDevId, id, devices);
 }
 
-int CQsStimulationDeviceManager::GetStimulationDevicesForPhysDevId(unsigned id, std::set<IQsStimulationDevice*>& devices)
+int CQsStimulationDeviceManager::GetStimulationDevicesForPhysDevId(unsigned id,
+                                                                   std::set<IQsStimulationDevice*>& devices)
 {
     const CQsScopedLock<CQsMutex> lock(m_lockIds);
     return DevicesForId(m_devicesByPhysDevId, id, devices);
@@ -481,7 +482,8 @@ bool CQsStimulationDeviceManager::AnyBeampathDevice(Query query)
 
 bool CQsStimulationDeviceManager::QueryFeatureSupported(unsigned featureId)
 {
-    return AnyBeampathDevice([featureId](IQsStimulationDevice& device) { return device.IsFeatureSupported(featureId); });
+    return AnyBeampathDevice([featureId](IQsStimulationDevice& device)
+                             { return device.IsFeatureSupported(featureId); });
 }
 
 bool CQsStimulationDeviceManager::QueryFeatureEnabled(unsigned featureId)

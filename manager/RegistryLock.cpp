@@ -48,7 +48,7 @@ void CQsRegistryLock::lock()
 
 bool CQsRegistryLock::IsLent(const SHolder& holder, bool bAnnouncement) const
 {
-    return holder.parking.depth == holder.depth && (bAnnouncement || holder.parking.awaited == t_run);
+    return holder.parking.depth == holder.depth && (bAnnouncement || (t_run != 0 && holder.parking.awaited == t_run));
 }
 
 void CQsRegistryLock::Acquire(bool bAnnouncement)

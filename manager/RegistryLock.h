@@ -6,9 +6,10 @@
 //   - the worker that it waits for may take R, and
 //   - any thread may take R to announce a device's state, since a device may be unable to end before its own thread has
 //     delivered that announcement.
-// Every other thread waits as if R were held; so does the worker of a stimulation that starts meanwhile, which therefore
-// chooses its device after the owner's change and not in the middle of it. A borrower that waits parks in its turn. The
-// owner goes on only when it is the last holder again, so between its wait and its next step nobody else is inside.
+// Every other thread waits as if R were held; so does the worker of a stimulation that starts meanwhile, which
+// therefore chooses its device after the owner's change and not in the middle of it. A borrower that waits parks in its
+// turn. The owner goes on only when it is the last holder again, so between its wait and its next step nobody else is
+// inside.
 //
 // From the end of its wait until it lets R go the owner changes the registry. What it calls meanwhile may call waiting
 // operations on the same thread; they need not wait, since no stimulation can reach a device before R is free.
@@ -29,7 +30,8 @@ public:
     // Both recursive. [any thread, blocks]
     void lock() QS_ACQUIRE();
     void unlock() QS_RELEASE();
-    // Holds the lock for a device's announcement to the end of the scope, borrowed from a parked owner where there is one.
+    // Holds the lock for a device's announcement to the end of the scope, borrowed from a parked owner where there is
+    // one.
     class QS_SCOPED_CAPABILITY CStateAnnouncement
     {
     public:

@@ -7,9 +7,9 @@
 // simple devices are referenced by the manager from registration to unregistration; static devices are created by the
 // manager. In database mode each entry of the device map holds a reference of its own.
 //
-// Thread tags and the order of locks are defined in docs/threading.md. R is the registry lock, S the lock of the running
-// stimulation. Operations tagged [host, no lock] read or change what Update rebuilds; the caller must not run them beside
-// it.
+// Thread tags and the order of locks are defined in docs/threading.md. R is the registry lock, S the lock of the
+// running stimulation. Operations tagged [host, no lock] read or change what Update rebuilds; the caller must not run
+// them beside it.
 //
 // Status: 0 = QS_OK; -4 null device; -9 QS_ERR_FAIL: missing entry, index out of range, stimulation still running;
 // -13 not found in a list, nothing could be activated.
@@ -58,8 +58,8 @@ public:
     using DeviceStateCallback = void (*)(IQsStimulationDevice* device, unsigned state);
     using OCCommandCallback = void (*)(unsigned command);
     // End of a timed asynchronous stimulation. The arrays hold `count` times [ms of QS_GetTimeCounter], -1.0 where a
-    // device gave none, and are valid during the call only. They are null, with a count of 0, for a device in mode 7 without
-    // areas and when the stimulation failed before it began. [worker]
+    // device gave none, and are valid during the call only. They are null, with a count of 0, for a device in mode 7
+    // without areas and when the stimulation failed before it began. [worker]
     using StimulationFinishFunction = void (*)(int result, double* beginTimes, double* endTimes, unsigned count,
                                                void* user);
 
@@ -67,7 +67,8 @@ public:
     struct QS_STIM_API SQsDeviceInfo
     {
         SQsDeviceInfo() = default;
-        SQsDeviceInfo(const char* className, const wchar_t* moduleFile) : sClassName(className), sModuleFile(moduleFile) {}
+        SQsDeviceInfo(const char* className, const wchar_t* moduleFile) : sClassName(className), sModuleFile(moduleFile)
+        {}
 
         bool IsModuleLoaded() const; // the module is in the process; its use count is left alone
         // Creates the device when its module is loaded and it does not exist yet; forgets it when the module is gone.
@@ -126,16 +127,15 @@ public:
     // keeps the device. [host, no lock]
     IQsStimulationDeviceEx* FindExStimulationDeviceByNameIntelligent(const wchar_t* text) const;
 
-    // A plug-in's device enters the device map at the next Update. Unregistered, it is no longer handed out by any lookup,
-    // and its entry, with its name and flags, stays until the Update after that. A running stimulation is aborted first.
-    // 0, -4 for null, -9 when called by the stimulation's own worker. Registering twice is one registration.
-    // Unregistering the active device leaves none active and does not tell it.
-    // [host, takes R, blocks]
+    // A plug-in's device enters the device map at the next Update. Unregistered, it is no longer handed out by any
+    // lookup, and its entry, with its name and flags, stays until the Update after that. A running stimulation is
+    // aborted first. 0, -4 for null, -9 when called by the stimulation's own worker. Registering twice is one
+    // registration. Unregistering the active device leaves none active and does not tell it. [host, takes R, blocks]
     int RegisterSimpleStimulationDevice(IQsStimulationDevice* device);
     int UnregisterSimpleStimulationDevice(IQsStimulationDevice* device);
 
-    int StaticDeviceAdd(const SQsDeviceInfo& info);                   // 0 [host, no lock]
-    int StaticDeviceRemove(const char* className);                    // 0, or -13 when unknown [host, no lock]
+    int StaticDeviceAdd(const SQsDeviceInfo& info);                    // 0 [host, no lock]
+    int StaticDeviceRemove(const char* className);                     // 0, or -13 when unknown [host, no lock]
     IQsStimulationDevice* GetStaticDevice(const wchar_t* name) const;  // by unique name; null [host, no lock]
     IQsStimulationDevice* GetSpecialDevice(const wchar_t* name) const; // by unique name; null [host, no lock]
 
@@ -157,8 +157,8 @@ public:
     int GetStimulationDevicesForLogDevId(unsigned id, std::set<IQsStimulationDevice*>& devices);
     int GetStimulationDevicesForPhysDevId(unsigned id, std::set<IQsStimulationDevice*>& devices);
 
-    // Whether a device of any stimulation beampath supports / has enabled the feature. The devices are asked in ascending
-    // order of beampath ids, until the first that says yes. [any thread]
+    // Whether a device of any stimulation beampath supports / has enabled the feature. The devices are asked in
+    // ascending order of beampath ids, until the first that says yes. [any thread]
     bool QueryFeatureSupported(unsigned featureId);
     bool QueryFeatureEnabled(unsigned featureId);
 
@@ -192,23 +192,25 @@ public:
 
     // --- notifications (Notifications.cpp)
     //
-    // Sets ordered by pointer: adding twice is adding once, and callbacks run in that order. Functions and listeners may
-    // add and remove while they are called; the change shows at the next firing. Null is ignored.
+    // Sets ordered by pointer: adding twice is adding once, and callbacks run in that order. Functions and listeners
+    // may add and remove while they are called; the change shows at the next firing. Null is ignored.
 
-    void AddCallbackForChange(ChangeCallback callback);                      // [any thread]
-    void RemoveCallbackForChange(ChangeCallback callback);                   // [any thread]
-    void AddCallbackForDeviceStateChange(DeviceStateCallback callback);      // [any thread]
-    void RemoveCallbackForDeviceStateChange(DeviceStateCallback callback);   // [any thread]
-    void AddCallbackForStimulationOCCommand(OCCommandCallback callback);     // [any thread]
-    void RemoveCallbackForStimulationOCCommand(OCCommandCallback callback);  // [any thread]
+    void AddCallbackForChange(ChangeCallback callback);                     // [any thread]
+    void RemoveCallbackForChange(ChangeCallback callback);                  // [any thread]
+    void AddCallbackForDeviceStateChange(DeviceStateCallback callback);     // [any thread]
+    void RemoveCallbackForDeviceStateChange(DeviceStateCallback callback);  // [any thread]
+    void AddCallbackForStimulationOCCommand(OCCommandCallback callback);    // [any thread]
+    void RemoveCallbackForStimulationOCCommand(OCCommandCallback callback); // [any thread]
 
     void FireCallbackForChange(unsigned code); // under no lock of its own [any thread]
     // Only for the active entry's device; other devices fire nothing. Callbacks run under R. [any thread, takes R]
     void FireCallbackForDeviceStateChange(IQsStimulationDevice* device, unsigned state);
     void FireCallbackForStimulationOCCommand(EQsStimulationManagerOCCommand command); // under the OC lock [any thread]
 
-    void RegisterStimulationDeviceManagerEventListener(IQsStimulationDeviceManagerEventListener* listener);   // [any thread]
-    void UnregisterStimulationDeviceManagerEventListener(IQsStimulationDeviceManagerEventListener* listener); // [any thread]
+    void
+    RegisterStimulationDeviceManagerEventListener(IQsStimulationDeviceManagerEventListener* listener); // [any thread]
+    void
+    UnregisterStimulationDeviceManagerEventListener(IQsStimulationDeviceManagerEventListener* listener); // [any thread]
     // Asks every listener. One whose answer is worse than the result so far is asked again and the second answer is the
     // result, even when it is better; 0 when nobody complained. [any thread]
     int NotifyStimulationDeviceManagerEventListeners();
@@ -234,8 +236,8 @@ public:
 
     // --- beampaths (Beampaths.cpp)
 
-    void SetStimulationBeampathsDirty();    // the next lookup rebuilds the beampaths [any thread]
-    int GetActiveStimulationBeampathId();   // -1 when there is none [any thread]
+    void SetStimulationBeampathsDirty();  // the next lookup rebuilds the beampaths [any thread]
+    int GetActiveStimulationBeampathId(); // -1 when there is none [any thread]
     // Device of the beampath; null when there is none, as always outside database mode. [any thread]
     IQsStimulationDevice* GetStimulationDeviceInterfaceForBeampath(int beampathId);
 

@@ -102,7 +102,8 @@ void CQsStimulationDeviceManager::FillDeviceMap()
 {
     for (SQsDeviceInfo& info : m_staticDevices)
     {
-        // A device whose module is gone is released; lookups by id, which do not wait for the rebuild, must forget it first.
+        // A device whose module is gone is released; lookups by id, which do not wait for the rebuild, must forget it
+        // first.
         IQsStimulationDevice* const before = info.pDevice;
         CQsRTTI::AddRef(before);
         InsertEntry(QsCallOr(Description(), L"a static device's description", __LINE__,

@@ -19,6 +19,7 @@
 #define QS_DECLARE_DATA_SECTION(name) QS_PRAGMA(section(name, read, write))
 #define QS_DATA_SECTION(name) __declspec(allocate(name))
 #else
-#define QS_DECLARE_DATA_SECTION(name) static_assert(sizeof(name) <= 9, "a section name of a PE file has at most 8 characters")
+#define QS_DECLARE_DATA_SECTION(name)                                                                                  \
+    static_assert(sizeof(name) <= 9, "a section name of a PE file has at most 8 characters")
 #define QS_DATA_SECTION(name) __attribute__((section(name), used))
 #endif

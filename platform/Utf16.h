@@ -34,7 +34,8 @@ inline std::wstring QsFromUtf16(const char16_t* units, std::size_t count)
         const bool pair = sizeof(wchar_t) > 2 && unit >= 0xD800 && unit < 0xDC00 && i + 1 < count &&
                           units[i + 1] >= 0xDC00 && units[i + 1] < 0xE000;
         if (pair)
-            text += static_cast<wchar_t>(0x10000 + ((unit - 0xD800) << 10) + (static_cast<char32_t>(units[++i]) - 0xDC00));
+            text +=
+                static_cast<wchar_t>(0x10000 + ((unit - 0xD800) << 10) + (static_cast<char32_t>(units[++i]) - 0xDC00));
         else
             text += static_cast<wchar_t>(unit);
     }

@@ -11,10 +11,10 @@ struct SSimulatedDeviceSettings
     std::string displayName; // name for the user; empty: the unique name
     bool visible = true;
     bool connected = true;
-    std::uint32_t mode = 3;             // StimulationModeGet
-    std::vector<std::uint32_t> kinds;   // of stimulation that StimulationBegin takes
-    std::uint32_t areas = 0;            // present before any is set
-    double exposureMs = 0.0;            // light of one shot
+    std::uint32_t mode = 3;           // StimulationModeGet
+    std::vector<std::uint32_t> kinds; // of stimulation that StimulationBegin takes
+    std::uint32_t areas = 0;          // present before any is set
+    double exposureMs = 0.0;          // light of one shot
     std::vector<std::uint32_t> logicalIds;
     std::vector<std::uint32_t> physicalIds; // beside them; where it is shorter the host's device manager is asked
 

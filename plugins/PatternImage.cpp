@@ -98,8 +98,7 @@ bool ReadPlain(CNumbers& numbers, bool bitmap, std::uint32_t white, std::vector<
 
 bool ReadRaw(const std::string& bytes, std::size_t position, bool bitmap, std::uint32_t white, SPatternImage& image)
 {
-    const std::size_t rowBytes =
-        bitmap ? (image.width + 7) / 8 : std::size_t{image.width} * (white > 255 ? 2 : 1);
+    const std::size_t rowBytes = bitmap ? (image.width + 7) / 8 : std::size_t{image.width} * (white > 255 ? 2 : 1);
     if (bytes.size() - position < rowBytes * image.height)
         return false;
     const auto byteAt = [&bytes](std::size_t at) -> std::uint32_t { return static_cast<unsigned char>(bytes[at]); };

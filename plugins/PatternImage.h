@@ -15,8 +15,8 @@ struct SPatternImage
     static constexpr std::uint32_t s_longestSide = 8192;
 };
 
-// `path` is UTF-8. False, with one line, when the file is missing, of another format, damaged or too large; then `image`
-// is unchanged.
+// `path` is UTF-8. False, with one line, when the file is missing, of another format, damaged or too large; then
+// `image` is unchanged.
 bool ReadPatternImage(const std::string& path, SPatternImage& image, std::string& error);
 // The same from the file's bytes.
 bool ParsePatternImage(const std::string& bytes, SPatternImage& image, std::string& error);

@@ -27,8 +27,7 @@ QS_REGISTER_STIMULATION_CLASS(CQsSimConfocalDevice, "Simulated confocal device")
 CQsSimConfocalDevice::CQsSimConfocalDevice()
     : CQsSimulatedDevice(sm_classCQsSimConfocalDevice,
                          PlainDefaults("CQsStimulationDeviceV4New", "Simulated confocal device"))
-{
-}
+{}
 
 class CQsSimGenericDevice : public CQsSimulatedDevice
 {
@@ -40,5 +39,4 @@ QS_REGISTER_STIMULATION_CLASS(CQsSimGenericDevice, "Simulated device");
 
 CQsSimGenericDevice::CQsSimGenericDevice()
     : CQsSimulatedDevice(sm_classCQsSimGenericDevice, PlainDefaults("CQsSimGenericDevice", "Simulated device"))
-{
-}
+{}

@@ -57,8 +57,7 @@ CQsSimulatedDevice::CQsSimulatedDevice(const CQsClassInfo& info, const SSimulate
     : m_class(info), m_settings(ReadDeviceSettings(info.GetName(), defaults)),
       m_name(CQsStringW::FromUtf8(m_settings.name)), m_hStop(CreateEventW(nullptr, TRUE, TRUE, nullptr)),
       m_presetAreas(m_settings.areas)
-{
-}
+{}
 
 CQsSimulatedDevice::~CQsSimulatedDevice()
 {
@@ -231,9 +230,9 @@ int CQsSimulatedDevice::StimulationAreaGet(std::vector<CQsRoiObject>* pRegions, 
 bool CQsSimulatedDevice::KeepPattern(SAreas pattern, bool overwrite)
 {
     CQsScopedLock<CQsMutex> lock(m_areaLock);
-    const auto known = std::find_if(m_areas.begin(), m_areas.end(), [&pattern](const SAreas& areas) {
-        return areas.patternName == pattern.patternName;
-    });
+    const auto known =
+        std::find_if(m_areas.begin(), m_areas.end(),
+                     [&pattern](const SAreas& areas) { return areas.patternName == pattern.patternName; });
     if (known != m_areas.end() && !overwrite)
         return false;
     if (known != m_areas.end())
@@ -246,13 +245,15 @@ bool CQsSimulatedDevice::KeepPattern(SAreas pattern, bool overwrite)
 
 int CQsSimulatedDevice::StimulationAreaUpload()
 {
-    return Journaled([] { return "StimulationAreaUpload()"; }, [this] {
-        if (!m_settings.connected)
-            return QS_ERR_FAIL;
-        CQsScopedLock<CQsMutex> lock(m_areaLock);
-        m_uploaded = true;
-        return QS_OK;
-    });
+    return Journaled([] { return "StimulationAreaUpload()"; },
+                     [this]
+                     {
+                         if (!m_settings.connected)
+                             return QS_ERR_FAIL;
+                         CQsScopedLock<CQsMutex> lock(m_areaLock);
+                         m_uploaded = true;
+                         return QS_OK;
+                     });
 }
 
 bool CQsSimulatedDevice::StimulationAreaIsUpToDate()
@@ -271,7 +272,8 @@ int CQsSimulatedDevice::StimulationROIPrepare(unsigned int roiIndex)
 int CQsSimulatedDevice::StimulationBegin(const SQsStimulationType& type)
 {
     return Journaled(
-        [&] {
+        [&]
+        {
             return "StimulationBegin(kind " + std::to_string(type.uiType) + ", " + std::to_string(type.dDurationMs) +
                    " ms, repeat " + std::to_string(type.uiRepeatCount) + ")";
         },
@@ -456,10 +458,13 @@ void CQsSimulatedDevice::ReportStateChange()
     AddRef();
     try
     {
-        std::thread([this] {
-            DeviceStateChangedCallback(stateBegun);
-            Release();
-        }).detach();
+        std::thread(
+            [this]
+            {
+                DeviceStateChangedCallback(stateBegun);
+                Release();
+            })
+            .detach();
     }
     catch (const std::system_error&)
     {

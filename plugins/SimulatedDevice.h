@@ -58,7 +58,7 @@ public:
     int StimulationEnd(double* pdBeginTimes, double* pdEndTimes, std::uint64_t count) override;
     // One shot of a stimulation that was begun with kind 3; -9 otherwise and when aborted. [blocks]
     int StimulationFire(const SQsStimulationType& type, double* pdBeginTime, double* pdEndTime) override;
-    int StimulationAbort() override; // [any thread]
+    int StimulationAbort() override;                           // [any thread]
     int StimulationROIPrepare(unsigned int roiIndex) override; // -9 when there is no such area
     int StimulationValidate(const SQsExperiment* pExperiment, CQsStringW& message) override;
     int GetStimulationDeviceInfo(SQsStimulationDeviceInfo& info) const override;

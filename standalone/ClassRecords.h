@@ -24,7 +24,8 @@ struct SModuleFile
     std::string format;  // "ELF" or "PE"; empty when the file is neither
     std::string section; // name of the section that holds the records; empty when there is none
     std::vector<SClassRecord> classes;
-    std::string error;   // one line when the file is damaged, truncated or foreign; then `classes` holds what was readable
+    std::string
+        error; // one line when the file is damaged, truncated or foreign; then `classes` holds what was readable
 };
 
 // Never throws and never loads the file as code. A module without records is no error.

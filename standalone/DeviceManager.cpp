@@ -28,8 +28,8 @@ std::array<std::atomic<SShutterNode*>, bucketCount> s_buckets{};
 struct SDevices
 {
     CQsMutex lock;
-    std::vector<std::unique_ptr<SShutterNode>> nodes QS_GUARDED_BY(lock); // every one there ever was
-    std::vector<SShutterNode*> shutters QS_GUARDED_BY(lock);              // those of now, in the order of adding
+    std::vector<std::unique_ptr<SShutterNode>> nodes QS_GUARDED_BY(lock);   // every one there ever was
+    std::vector<SShutterNode*> shutters QS_GUARDED_BY(lock);                // those of now, in the order of adding
     std::map<std::uint32_t, std::uint32_t> physicalIds QS_GUARDED_BY(lock); // by logical id, shutters included
     std::map<int, std::uint32_t> databaseIds QS_GUARDED_BY(lock);           // logical id by database id
 };
@@ -71,8 +71,7 @@ std::string CheckIds(SDevices& devices, std::uint32_t logDevId, int databaseId) 
     return {};
 }
 
-void Enter(SDevices& devices, std::uint32_t logDevId, std::uint32_t physDevId, int databaseId)
-    QS_REQUIRES(devices.lock)
+void Enter(SDevices& devices, std::uint32_t logDevId, std::uint32_t physDevId, int databaseId) QS_REQUIRES(devices.lock)
 {
     devices.physicalIds[logDevId] = physDevId;
     if (databaseId != 0)

@@ -11,8 +11,8 @@ namespace QsStandalone {
 
 enum class ELogLevel
 {
-    Off,      // nothing
-    Normal,   // everything but detailed messages
+    Off,    // nothing
+    Normal, // everything but detailed messages
     Detailed
 };
 

@@ -33,7 +33,7 @@ struct SKnownClass
     std::string className;
     std::string friendlyName; // from the module file's record; empty for a class that only registered in code
     std::vector<std::string> parents;
-    std::string module;       // file; empty when it only registered in code
+    std::string module; // file; empty when it only registered in code
     bool moduleLoaded = false;
 };
 QS_HOST_API std::vector<SKnownClass> KnownClasses(); // in registry order

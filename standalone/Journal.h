@@ -14,11 +14,11 @@ namespace QsStandalone {
 
 enum class EJournalKind
 {
-    Call,     // an operation of the device was entered; `text` names it with its arguments
-    Return,   // and left, with `status`
+    Call,   // an operation of the device was entered; `text` names it with its arguments
+    Return, // and left, with `status`
     LightOn,
     LightOff,
-    Fault     // an injected fault took effect; `text` says which
+    Fault // an injected fault took effect; `text` says which
 };
 
 struct SJournalEntry

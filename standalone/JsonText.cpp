@@ -67,8 +67,7 @@ class CTreeBuilder
 public:
     CTreeBuilder(const CLineStream& stream, SJsonValue& root, SJsonFault& fault)
         : m_stream(stream), m_root(root), m_fault(fault)
-    {
-    }
+    {}
 
     bool Null() { return Add(SJsonValue::Kind::Null) != nullptr; }
     bool Bool(bool flag)

@@ -77,8 +77,7 @@ class CRigReader
 public:
     CRigReader(const SJsonValue& root, const std::string& path)
         : m_root(root, s_rigRoot), m_folder(fs::absolute(path).parent_path())
-    {
-    }
+    {}
 
     bool Read(SRig& rig, SJsonFault& fault)
     {

@@ -12,8 +12,8 @@ namespace QsStandalone {
 struct SRigDevice
 {
     std::string className;
-    // Where the manager learns of it: "simple" (registered by the plug-in), "special", "option", or "static" (made by the
-    // manager itself from its class; at most one of a class).
+    // Where the manager learns of it: "simple" (registered by the plug-in), "special", "option", or "static" (made by
+    // the manager itself from its class; at most one of a class).
     std::string list;
     std::string name;     // unique name that the device shall have; empty: the class's own
     std::string settings; // JSON object as text, for the device; the keys are the plug-in's
@@ -34,7 +34,7 @@ struct SRig
     std::vector<SStimulationShutter> stimulationShutters;
     std::vector<SLogicalDevice> logicalDevices;
     std::vector<SRigDevice> devices;
-    std::string translations;               // catalogue file, absolute; empty: none
+    std::string translations; // catalogue file, absolute; empty: none
 };
 
 // False, with one line "file:line: what was expected, what was found", for a file that is missing, not JSON, or has an

@@ -201,10 +201,9 @@ const SRigKey* FindRigKey(const std::string& owner, const std::string& key)
 
 std::string RigKeyExpectation(const SRigKey& key)
 {
-    const std::string bounds =
-        key.minimum == key.maximum
-            ? BoundText(key.minimum)
-            : std::string("from ") + BoundText(key.minimum) + " to " + BoundText(key.maximum);
+    const std::string bounds = key.minimum == key.maximum
+                                   ? BoundText(key.minimum)
+                                   : std::string("from ") + BoundText(key.minimum) + " to " + BoundText(key.maximum);
     const std::string unit = *key.unit != '\0' ? std::string(" ") + key.unit : std::string();
     switch (key.type)
     {

@@ -13,11 +13,11 @@ struct SRigKey
 {
     enum class Type
     {
-        Text,       // minimum and maximum bound its length in bytes
+        Text, // minimum and maximum bound its length in bytes
         TextList,
         Flag,
-        Number,     // minimum and maximum bound its value
-        Whole,      // the same, without a fraction
+        Number, // minimum and maximum bound its value
+        Whole,  // the same, without a fraction
         Choice,
         Object,     // of the kind `object`
         ObjectList, // of such objects, in the order of the file

@@ -18,7 +18,8 @@ constexpr int statusRefused = QS_ERR_FAIL;
 // Made once: a command to close the light must not wait for memory.
 const std::string& CommandText(bool open, bool triggered, bool wait)
 {
-    static const std::array<std::string, 8> texts = [] {
+    static const std::array<std::string, 8> texts = []
+    {
         std::array<std::string, 8> all;
         for (std::size_t i = 0; i < all.size(); ++i)
             all[i] = std::string("Shutter_SetState(") + (i & 4 ? "open" : "close") + (i & 2 ? ", true" : ", false") +
@@ -48,8 +49,7 @@ std::atomic<bool>& HangsReleased()
 CQsSimulatedShutter::CQsSimulatedShutter(const SShutterSetup& setup, std::uint32_t index)
     : m_setup(setup), m_index(index), m_toolbarName(CQsStringW::FromUtf8(setup.name).Std()),
       m_connected(setup.connected), m_light(setup.name), m_random(setup.jitterSeed)
-{
-}
+{}
 
 bool CQsSimulatedShutter::IsOpen()
 {
@@ -82,10 +82,13 @@ bool CQsSimulatedShutter::SetState(bool open, bool triggered, bool wait)
             try
             {
                 // Shutters are never freed, so the thread may outlive everything else.
-                std::thread([this, movement] {
-                    CQsScopedLock<CQsMutex> ownLock(m_lock);
-                    AwaitRest(movement);
-                }).detach();
+                std::thread(
+                    [this, movement]
+                    {
+                        CQsScopedLock<CQsMutex> ownLock(m_lock);
+                        AwaitRest(movement);
+                    })
+                    .detach();
             }
             catch (const std::system_error&)
             {
@@ -157,8 +160,7 @@ bool CQsSimulatedShutter::Hang(std::uint64_t command)
     const Clock::time_point end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                                      std::chrono::duration<double, std::milli>(m_setup.hangMs));
     while (m_command == command && !HangsReleased() && WaitUntil(end))
-    {
-    }
+    {}
     return m_command == command;
 }
 
@@ -175,8 +177,8 @@ void CQsSimulatedShutter::Move(bool open)
         Rest();
         return;
     }
-    m_restTime = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                    std::chrono::duration<double, std::milli>(latency));
+    m_restTime =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double, std::milli>(latency));
     Wake();
 }
 

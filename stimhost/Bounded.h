@@ -7,9 +7,9 @@
 
 namespace Stimhost {
 
-// Runs the function on a thread of its own and waits for it, at most that long; what it throws is dropped. False when it
-// did not end by then: the thread then goes on by itself, so what the function uses must live as long as the process.
-// Where no thread can be had it runs here, however long it takes. [blocks]
+// Runs the function on a thread of its own and waits for it, at most that long; what it throws is dropped. False when
+// it did not end by then: the thread then goes on by itself, so what the function uses must live as long as the
+// process. Where no thread can be had it runs here, however long it takes. [blocks]
 bool RunBounded(double timeoutMs, std::function<void()> function);
 
 // Whether threads are still inside a device: then the process must end without its usual tidying. [any thread]

@@ -209,10 +209,8 @@ void CDemo::ShutterStimulations()
     if (m_shutter == nullptr)
         return Say("\nskipped: the rig has no shutter\n");
     m_promises.CheckSingleLight(Stimulate("Timed, 300 ms", EKind::Timed, 300.0), *m_shutter);
-    m_promises.CheckSingleLight(Stimulate("Continuous, 200 ms", EKind::Continuous, 200.0),
-                                *m_shutter);
-    m_promises.CheckAborted(Stimulate("Timed, 1000 ms, aborted after 40 ms", EKind::Timed, 1000.0, 40.0),
-                            *m_shutter);
+    m_promises.CheckSingleLight(Stimulate("Continuous, 200 ms", EKind::Continuous, 200.0), *m_shutter);
+    m_promises.CheckAborted(Stimulate("Timed, 1000 ms, aborted after 40 ms", EKind::Timed, 1000.0, 40.0), *m_shutter);
 }
 
 void CDemo::Patterns()
@@ -221,8 +219,8 @@ void CDemo::Patterns()
         return Say("\nskipped: the rig has no device that fires patterns\n");
     m_manager.SetActive(FromUtf8(m_patternName).c_str(), false);
     const double exposureMs = m_pattern->GetStimulationExposureTimeCombined(0);
-    m_promises.CheckPatterns(
-        Stimulate("Patterns of " + Number(exposureMs, 0) + " ms, for 200 ms", EKind::Timed, 200.0), exposureMs);
+    m_promises.CheckPatterns(Stimulate("Patterns of " + Number(exposureMs, 0) + " ms, for 200 ms", EKind::Timed, 200.0),
+                             exposureMs);
 }
 
 void CDemo::RefusedStart()
@@ -231,9 +229,11 @@ void CDemo::RefusedStart()
         return;
     m_manager.SetActive(FromUtf8(m_shutterName).c_str(), false);
     int second = 1;
-    const SPhase& phase = Stimulate("Timed, 150 ms, second start refused", EKind::Timed, 150.0, {}, [&] {
-        second = m_manager.StimulateTimedWithActiveAsync(IQsStimulationDevice::SQsStimulationType(), nullptr, nullptr);
-    });
+    const SPhase& phase = Stimulate("Timed, 150 ms, second start refused", EKind::Timed, 150.0, {},
+                                    [&] {
+                                        second = m_manager.StimulateTimedWithActiveAsync(
+                                            IQsStimulationDevice::SQsStimulationType(), nullptr, nullptr);
+                                    });
     m_promises.Check(second == QS_ERR_FAIL, "the second start is refused", StatusText(second));
     m_promises.CheckSingleLight(phase, *m_shutter);
 }
@@ -278,9 +278,14 @@ void CDemo::Script()
 void CDemo::Run()
 {
     m_manager.AddCallbackForChange(&KeepCode);
-    void (CDemo::*const steps[])() = {&CDemo::Found,          &CDemo::ActivateByName,      &CDemo::ActivateRecent,
-                                      &CDemo::ActivateConfocal, &CDemo::ShutterStimulations, &CDemo::Patterns,
-                                      &CDemo::RefusedStart,   &CDemo::Script};
+    void (CDemo::*const steps[])() = {&CDemo::Found,
+                                      &CDemo::ActivateByName,
+                                      &CDemo::ActivateRecent,
+                                      &CDemo::ActivateConfocal,
+                                      &CDemo::ShutterStimulations,
+                                      &CDemo::Patterns,
+                                      &CDemo::RefusedStart,
+                                      &CDemo::Script};
     for (const auto step : steps)
         if (!WasInterrupted())
             (this->*step)();

@@ -67,10 +67,14 @@ const char* RegistryType(DWORD type)
 {
     switch (type)
     {
-    case REG_SZ: return "text";
-    case REG_DWORD: return "number";
-    case REG_BINARY: return "binary";
-    default: return "other";
+    case REG_SZ:
+        return "text";
+    case REG_DWORD:
+        return "number";
+    case REG_BINARY:
+        return "binary";
+    default:
+        return "other";
     }
 }
 

@@ -21,7 +21,8 @@ const char* const s_footer =
 
 // Milliseconds from 0 to one day. A value that is not a number compares false with everything, so it fails too.
 const CLI::Validator s_milliseconds(
-    [](std::string& text) {
+    [](std::string& text)
+    {
         double value = 0.0;
         const bool isNumber = CLI::detail::lexical_cast(text, value);
         return isNumber && value >= 0.0 && value <= 86400000.0
@@ -31,8 +32,8 @@ const CLI::Validator s_milliseconds(
     "MS");
 
 // A script's variable that is not set must not pass for the default.
-const CLI::Validator s_path([](std::string& text) { return text.empty() ? "expected a name, found none" : std::string(); },
-                            "");
+const CLI::Validator
+    s_path([](std::string& text) { return text.empty() ? "expected a name, found none" : std::string(); }, "");
 
 CLI::App* Command(CLI::App& parent, const std::string& name, const std::string& description, SOptions& options)
 {
@@ -55,9 +56,7 @@ void AddGlobal(CLI::App& app, SOptions& options)
     app.add_option("--registry", options.registryFolder, "Folder of the registry (default: the user's)")
         ->check(s_path)
         ->type_name("DIR");
-    app.add_option("--log", options.logFile, "Append the diagnostic log to a file")
-        ->check(s_path)
-        ->type_name("FILE");
+    app.add_option("--log", options.logFile, "Append the diagnostic log to a file")->check(s_path)->type_name("FILE");
     app.add_option("--log-level", options.logLevel, "How much is logged")
         ->check(CLI::IsMember({"off", "normal", "detailed"}))
         ->type_name("LEVEL")

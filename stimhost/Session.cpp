@@ -162,7 +162,7 @@ bool CSession::AddShutters(std::string& error)
         if (device == nullptr || status != QS_OK)
         {
             return Fail(error, m_rig.path + ": shutter " + std::to_string(shutter.logDevId) +
-                    " cannot become a stimulation device, status " + std::to_string(status));
+                                   " cannot become a stimulation device, status " + std::to_string(status));
         }
         if (shutter.list == "list")
         {
@@ -183,8 +183,7 @@ bool CSession::AddDevices(std::string& error)
             continue;
         const std::string ofStatic = QsStandalone::GetDeviceSettings(setup.className);
         QsStandalone::SetDeviceSettings(setup.className, SettingsOf(setup));
-        IQsInterface* object =
-            CQsRTTI::CreateAndQuery(setup.className.c_str(), "IQsStimulationDevice", "no file", -1);
+        IQsInterface* object = CQsRTTI::CreateAndQuery(setup.className.c_str(), "IQsStimulationDevice", "no file", -1);
         QsStandalone::SetDeviceSettings(setup.className, ofStatic);
         auto* device = dynamic_cast<IQsStimulationDevice*>(object);
         if (device == nullptr)
@@ -231,14 +230,16 @@ std::vector<std::string> LeaveNoLight()
     for (const std::string& open : CQsDeviceManager::CloseAllShutters())
         if (std::find(lit.begin(), lit.end(), open) == lit.end())
             lit.push_back(open);
-    // Whatever the journal says: it knows the lights of simulated devices only. Handing in no device waits for the worker
-    // of a stimulation that still runs.
+    // Whatever the journal says: it knows the lights of simulated devices only. Handing in no device waits for the
+    // worker of a stimulation that still runs.
     if (CQsStimulationDeviceManager* manager = CQsStimulationDeviceManager::InstanceIfExists())
-        RunBounded(1000.0, [manager] {
-            if (IQsStimulationDevice* device = manager->GetActive())
-                Ask([device] { return device->StimulationAbort(); });
-            manager->SpecialDevicesAdd(nullptr);
-        });
+        RunBounded(1000.0,
+                   [manager]
+                   {
+                       if (IQsStimulationDevice* device = manager->GetActive())
+                           Ask([device] { return device->StimulationAbort(); });
+                       manager->SpecialDevicesAdd(nullptr);
+                   });
     return lit;
 }
 

@@ -415,8 +415,7 @@ double SPhase::SkewMs() const
     if (lights.size() < 2)
         return s_noTime;
     const auto [first, last] = std::minmax_element(
-        lights.begin(), lights.end(),
-        [](const SMeasured& a, const SMeasured& b) { return a.BeginMs() < b.BeginMs(); });
+        lights.begin(), lights.end(), [](const SMeasured& a, const SMeasured& b) { return a.BeginMs() < b.BeginMs(); });
     return last->BeginMs() - first->BeginMs();
 }
 

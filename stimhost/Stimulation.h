@@ -31,8 +31,8 @@ struct SRequest
     double durationMs = 0.0;
     std::uint32_t groupMask = 1;
     std::optional<double> abortAfterMs;
-    double graceMs = 10000.0;             // a device is given up that long after its time
-    std::function<void()> whileRunning;   // called once, after the first light or a tenth of the duration
+    double graceMs = 10000.0;           // a device is given up that long after its time
+    std::function<void()> whileRunning; // called once, after the first light or a tenth of the duration
 };
 
 struct SPulse
@@ -56,7 +56,7 @@ struct SMeasured
 struct SPhase
 {
     SRequest request;
-    std::string device; // unique name of the active device; empty when there was none
+    std::string device;          // unique name of the active device; empty when there was none
     double startedMs = s_noTime; // start call [ms of the host's clock]
     int startStatus = 0;         // what the start answered
     int status = 0;              // what the stimulation reported at its end
@@ -64,7 +64,7 @@ struct SPhase
     bool gaveUp = false;         // the device did not answer in time
     bool interrupted = false;    // Ctrl-C
     double abortCalledMs = s_noTime;
-    int abortStatus = 0;         // what the manager's abort answered first
+    int abortStatus = 0;                 // what the manager's abort answered first
     std::vector<double> reportedBeginMs; // as the device reported them, from the start call
     std::vector<double> reportedEndMs;
     std::vector<SMeasured> lights;

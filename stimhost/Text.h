@@ -26,7 +26,7 @@ std::string ToUtf8(const CQsStringW& text);
 CQsStringW FromUtf8(const std::string& text);
 
 void Print(const std::string& text); // to stdout
-// The exit code of a program whose output may have been lost: then one line says so, and what was done counts as bad use.
+// The exit code of a program whose output may have been lost: then one line says so, and exit code 0 becomes 2.
 int CodeAfterOutput(int code);
 // The account of a run as it goes on: to stdout, unless the result is wanted as JSON.
 void Say(const std::string& text);
@@ -34,7 +34,8 @@ void KeepSilent();
 // One line on stderr, with the program's name before it.
 void Complain(const std::string& line);
 
-// Replaces the file as a whole or leaves it as it was; a pipe or a device is written into. False, with one line, when it cannot be written.
+// Replaces the file as a whole or leaves it as it was; a pipe or a device is written into. False, with
+// one line, when it cannot be written.
 bool WriteWholeFile(const std::string& path, const std::string& text, std::string& error);
 
 // Writer of one JSON document, three decimals for times, null for what is not a number.

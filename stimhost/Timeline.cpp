@@ -33,10 +33,18 @@ std::string Escaped(const std::string& text)
     for (const char c : text)
         switch (c)
         {
-        case '&': escaped += "&amp;"; break;
-        case '<': escaped += "&lt;"; break;
-        case '>': escaped += "&gt;"; break;
-        case '"': escaped += "&quot;"; break;
+        case '&':
+            escaped += "&amp;";
+            break;
+        case '<':
+            escaped += "&lt;";
+            break;
+        case '>':
+            escaped += "&gt;";
+            break;
+        case '"':
+            escaped += "&quot;";
+            break;
         default:
             // Control characters have no place in XML at all.
             escaped += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
@@ -135,9 +143,12 @@ CTimeline::CTimeline(const std::string& title, const std::vector<SPhase>& phases
 void CTimeline::Header(const std::string& title, double height)
 {
     m_text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-             "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " + At(s_width) + " " + At(height) +
-             "\" width=\"" + At(s_width) + "\" height=\"" + At(height) + "\">\n"
-             "<title>" + Escaped(title) + "</title>\n"
+             "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " +
+             At(s_width) + " " + At(height) + "\" width=\"" + At(s_width) + "\" height=\"" + At(height) +
+             "\">\n"
+             "<title>" +
+             Escaped(title) +
+             "</title>\n"
              "<style>text{font-family:'DejaVu Sans',Verdana,Arial,sans-serif;fill:#1f2933;font-size:12px}"
              ".head{font-size:18px;font-weight:bold}.phase{font-size:13px;font-weight:bold}"
              ".note{fill:#52606d;font-size:11px}.tick{fill:#52606d;font-size:10px}.abort{fill:#b00020;font-size:11px}"
@@ -175,8 +186,8 @@ void CTimeline::Panel(const SPhase& phase)
     m_spanMs *= 1.04;
 
     const double height = PanelHeight(phase);
-    m_text += Rectangle(s_margin / 2.0, m_y, s_width - s_margin, height,
-                        "rx=\"6\" fill=\"#fafbfc\" stroke=\"#d3dae1\"");
+    m_text +=
+        Rectangle(s_margin / 2.0, m_y, s_width - s_margin, height, "rx=\"6\" fill=\"#fafbfc\" stroke=\"#d3dae1\"");
     m_text +=
         TextAt(s_margin, m_y + 22.0, Shortened(phase.request.title, phase.WasAborted() ? 60 : 90), "class=\"phase\"");
     m_text += TextAt(s_plotRight + 16.0, m_y + 22.0, "light", "class=\"note\"");

@@ -1,7 +1,8 @@
 // A lamp that is switched on and off: the smallest device that stimulates.
 //
-// CQsMultilaserStimulationDevice already answers every operation with "not implemented" or a neutral value, so a plug-in
-// overrides only what its hardware does. A device that is made by the class system derives from CQsClass as well.
+// CQsMultilaserStimulationDevice already answers every operation with "not implemented" or a neutral value, so a
+// plug-in overrides only what its hardware does. A device that is made by the class system derives from CQsClass as
+// well.
 #include "device/ClassRegistration.h"
 #include "device/MultilaserStimulationDevice.h"
 #include "device/WaitTime.h"

@@ -11,8 +11,8 @@
 namespace QsPlatform {
 
 // Folder of the registry store. At first it is $QS_REGISTRY_DIR, else $XDG_CONFIG_HOME/qsstimulation, else
-// ~/.config/qsstimulation for the user's root, and the same for the machine's root unless $QS_MACHINE_REGISTRY_DIR is set.
-// Takes effect for keys opened later.
+// ~/.config/qsstimulation for the user's root, and the same for the machine's root unless $QS_MACHINE_REGISTRY_DIR is
+// set. Takes effect for keys opened later.
 QS_HOST_API void SetRegistryFolders(const std::string& user, const std::string& machine);
 QS_HOST_API std::string GetRegistryFile(HKEY root); // the file of that root
 
@@ -21,7 +21,7 @@ QS_HOST_API void RefuseRegistry(HKEY root, bool refuse);
 
 struct SRegistryValue
 {
-    std::string key;  // path below the root, as it was written
+    std::string key; // path below the root, as it was written
     std::string name;
     DWORD type = 0;
     std::vector<unsigned char> data;

@@ -1,8 +1,8 @@
 // Events, and the waits for events and for the ends of threads.
 //
 // A handle holds the number of a slot and the slot's generation. Slots are reused and never freed, so that a handle
-// that is closed or was never one is told from a live one without a lock that all waits share, and so that an object may
-// be closed by the thread that it woke while the waking thread is still on its way out of SetEvent.
+// that is closed or was never one is told from a live one without a lock that all waits share, and so that an object
+// may be closed by the thread that it woke while the waking thread is still on its way out of SetEvent.
 #include "platform/ThreadSafety.h"
 #include "platform/posix/Control.h"
 #include "platform/posix/Waitable.h"
@@ -315,8 +315,7 @@ public:
         lock.unlock(); // a signal must get in meanwhile
         const auto look = Clock::now() + std::chrono::microseconds(1);
         while (Clock::now() < look)
-        {
-        }
+        {}
         lock.lock();
         return Clock::now() < m_end;
     }
@@ -494,8 +493,7 @@ bool TakeFailure(std::atomic<unsigned>& failures)
 {
     unsigned count = failures.load();
     while (count != 0 && !failures.compare_exchange_weak(count, count - 1))
-    {
-    }
+    {}
     return count != 0;
 }
 

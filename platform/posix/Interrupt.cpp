@@ -39,14 +39,17 @@ bool OnInterrupt(const std::function<void()>& handler)
     try
     {
         for (int i = 0; i < handlerThreads; ++i)
-            std::thread([signals, handler] {
-                for (;;)
+            std::thread(
+                [signals, handler]
                 {
-                    int number = 0;
-                    if (sigwait(&signals, &number) == 0)
-                        handler();
-                }
-            }).detach();
+                    for (;;)
+                    {
+                        int number = 0;
+                        if (sigwait(&signals, &number) == 0)
+                            handler();
+                    }
+                })
+                .detach();
     }
     catch (const std::system_error&)
     {

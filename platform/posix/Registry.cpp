@@ -140,26 +140,30 @@ LSTATUS RegCreateKeyExW(HKEY key, const wchar_t* subKey, DWORD reserved, wchar_t
 {
     if (!subKey || reserved != 0 || !result)
         return ERROR_INVALID_PARAMETER;
-    return Guarded([&]() -> LSTATUS {
-        SRegistry& registry = Registry();
-        CQsScopedLock<CQsMutex> lock(registry.lock);
-        SOpenKey wanted;
-        LSTATUS status = FindBelow(registry, key, subKey, wanted);
-        if (status != ERROR_SUCCESS)
-            return status;
-        bool made = false;
-        if (!Exists(wanted))
-            status = ChangeRegistryFile(wanted.file, [&](SRegistryNode& root) {
-                MakeRegistryKey(root, wanted.path, made);
-                return made;
-            });
-        if (status != ERROR_SUCCESS)
-            return status;
-        *result = Open(registry, std::move(wanted));
-        if (disposition)
-            *disposition = made ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
-        return ERROR_SUCCESS;
-    });
+    return Guarded(
+        [&]() -> LSTATUS
+        {
+            SRegistry& registry = Registry();
+            CQsScopedLock<CQsMutex> lock(registry.lock);
+            SOpenKey wanted;
+            LSTATUS status = FindBelow(registry, key, subKey, wanted);
+            if (status != ERROR_SUCCESS)
+                return status;
+            bool made = false;
+            if (!Exists(wanted))
+                status = ChangeRegistryFile(wanted.file,
+                                            [&](SRegistryNode& root)
+                                            {
+                                                MakeRegistryKey(root, wanted.path, made);
+                                                return made;
+                                            });
+            if (status != ERROR_SUCCESS)
+                return status;
+            *result = Open(registry, std::move(wanted));
+            if (disposition)
+                *disposition = made ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
+            return ERROR_SUCCESS;
+        });
 }
 
 LSTATUS RegCreateKeyW(HKEY key, const wchar_t* subKey, HKEY* result)
@@ -173,88 +177,96 @@ LSTATUS RegOpenKeyW(HKEY key, const wchar_t* subKey, HKEY* result)
 {
     if (!result)
         return ERROR_INVALID_PARAMETER;
-    return Guarded([&]() -> LSTATUS {
-        SRegistry& registry = Registry();
-        CQsScopedLock<CQsMutex> lock(registry.lock);
-        SOpenKey wanted;
-        const LSTATUS status = FindBelow(registry, key, subKey ? subKey : L"", wanted);
-        if (status != ERROR_SUCCESS)
-            return status;
-        if (!subKey || !*subKey)
+    return Guarded(
+        [&]() -> LSTATUS
         {
-            *result = key; // the real call hands back the same handle
+            SRegistry& registry = Registry();
+            CQsScopedLock<CQsMutex> lock(registry.lock);
+            SOpenKey wanted;
+            const LSTATUS status = FindBelow(registry, key, subKey ? subKey : L"", wanted);
+            if (status != ERROR_SUCCESS)
+                return status;
+            if (!subKey || !*subKey)
+            {
+                *result = key; // the real call hands back the same handle
+                return ERROR_SUCCESS;
+            }
+            if (!Exists(wanted))
+                return ERROR_FILE_NOT_FOUND;
+            *result = Open(registry, std::move(wanted));
             return ERROR_SUCCESS;
-        }
-        if (!Exists(wanted))
-            return ERROR_FILE_NOT_FOUND;
-        *result = Open(registry, std::move(wanted));
-        return ERROR_SUCCESS;
-    });
+        });
 }
 
 LSTATUS RegQueryValueExW(HKEY key, const wchar_t* name, DWORD* reserved, DWORD* type, BYTE* data, DWORD* size)
 {
     if (reserved || (data && !size))
         return ERROR_INVALID_PARAMETER;
-    return Guarded([&]() -> LSTATUS {
-        SRegistry& registry = Registry();
-        CQsScopedLock<CQsMutex> lock(registry.lock);
-        SOpenKey open;
-        const LSTATUS status = Find(registry, key, open);
-        if (status != ERROR_SUCCESS)
-            return status;
-        SRegistryNode root;
-        std::string error;
-        ReadRegistryFile(open.file, root, error);
-        const SRegistryNode* node = FindRegistryKey(root, open.path);
-        if (!node)
-            return ERROR_FILE_NOT_FOUND;
-        const auto value = node->values.find(QsToUtf16(name ? name : L""));
-        if (value == node->values.end())
-            return ERROR_FILE_NOT_FOUND;
-        const std::vector<unsigned char>& bytes = value->second.bytes;
-        if (type)
-            *type = value->second.type;
-        const DWORD room = size ? *size : 0;
-        if (size)
-            *size = static_cast<DWORD>(bytes.size());
-        if (data && room < bytes.size())
-            return ERROR_MORE_DATA;
-        if (data && !bytes.empty())
-            std::memcpy(data, bytes.data(), bytes.size());
-        return ERROR_SUCCESS;
-    });
+    return Guarded(
+        [&]() -> LSTATUS
+        {
+            SRegistry& registry = Registry();
+            CQsScopedLock<CQsMutex> lock(registry.lock);
+            SOpenKey open;
+            const LSTATUS status = Find(registry, key, open);
+            if (status != ERROR_SUCCESS)
+                return status;
+            SRegistryNode root;
+            std::string error;
+            ReadRegistryFile(open.file, root, error);
+            const SRegistryNode* node = FindRegistryKey(root, open.path);
+            if (!node)
+                return ERROR_FILE_NOT_FOUND;
+            const auto value = node->values.find(QsToUtf16(name ? name : L""));
+            if (value == node->values.end())
+                return ERROR_FILE_NOT_FOUND;
+            const std::vector<unsigned char>& bytes = value->second.bytes;
+            if (type)
+                *type = value->second.type;
+            const DWORD room = size ? *size : 0;
+            if (size)
+                *size = static_cast<DWORD>(bytes.size());
+            if (data && room < bytes.size())
+                return ERROR_MORE_DATA;
+            if (data && !bytes.empty())
+                std::memcpy(data, bytes.data(), bytes.size());
+            return ERROR_SUCCESS;
+        });
 }
 
 LSTATUS RegSetValueExW(HKEY key, const wchar_t* name, DWORD reserved, DWORD type, const BYTE* data, DWORD size)
 {
     if (reserved != 0 || (!data && size != 0))
         return ERROR_INVALID_PARAMETER;
-    return Guarded([&]() -> LSTATUS {
-        const std::u16string valueName = QsToUtf16(name ? name : L"");
-        if (!IsRegistryName(valueName))
-            return ERROR_INVALID_PARAMETER;
-        SRegistry& registry = Registry();
-        CQsScopedLock<CQsMutex> lock(registry.lock);
-        SOpenKey open;
-        const LSTATUS status = Find(registry, key, open);
-        if (status != ERROR_SUCCESS)
-            return status;
-        if (registry.refused[open.machine])
-            return ERROR_ACCESS_DENIED;
-        SRegistryData written{type, {}};
-        if (size != 0)
-            written.bytes.assign(data, data + size);
-        // Makes the key anew when somebody has removed the file since it was opened.
-        return ChangeRegistryFile(open.file, [&](SRegistryNode& root) {
-            bool changed = false;
-            SRegistryNode& node = MakeRegistryKey(root, open.path, changed);
-            const auto [place, isNew] = node.values.try_emplace(valueName);
-            changed = changed || isNew || !(place->second == written);
-            place->second = written;
-            return changed;
+    return Guarded(
+        [&]() -> LSTATUS
+        {
+            const std::u16string valueName = QsToUtf16(name ? name : L"");
+            if (!IsRegistryName(valueName))
+                return ERROR_INVALID_PARAMETER;
+            SRegistry& registry = Registry();
+            CQsScopedLock<CQsMutex> lock(registry.lock);
+            SOpenKey open;
+            const LSTATUS status = Find(registry, key, open);
+            if (status != ERROR_SUCCESS)
+                return status;
+            if (registry.refused[open.machine])
+                return ERROR_ACCESS_DENIED;
+            SRegistryData written{type, {}};
+            if (size != 0)
+                written.bytes.assign(data, data + size);
+            // Makes the key anew when somebody has removed the file since it was opened.
+            return ChangeRegistryFile(open.file,
+                                      [&](SRegistryNode& root)
+                                      {
+                                          bool changed = false;
+                                          SRegistryNode& node = MakeRegistryKey(root, open.path, changed);
+                                          const auto [place, isNew] = node.values.try_emplace(valueName);
+                                          changed = changed || isNew || !(place->second == written);
+                                          place->second = written;
+                                          return changed;
+                                      });
         });
-    });
 }
 
 LSTATUS RegCloseKey(HKEY key)

@@ -35,13 +35,14 @@ constexpr DWORD INFINITE = 0xFFFFFFFFu;
 constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;
 
 // Null when the event cannot be made. Named events and security attributes are not supported: null.
-QS_HOST_API HANDLE CreateEventW(SECURITY_ATTRIBUTES* attributes, BOOL manualReset, BOOL initialState, const wchar_t* name);
+QS_HOST_API HANDLE CreateEventW(SECURITY_ATTRIBUTES* attributes, BOOL manualReset, BOOL initialState,
+                                const wchar_t* name);
 QS_HOST_API BOOL SetEvent(HANDLE event);
 QS_HOST_API BOOL ResetEvent(HANDLE event);
 QS_HOST_API BOOL CloseHandle(HANDLE handle);
 QS_HOST_API DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
-// Fails for no handle, for more than MAXIMUM_WAIT_OBJECTS and for a null handle. waitAll: returns when all are signalled
-// at the same time, and only then resets the auto-reset ones.
+// Fails for no handle, for more than MAXIMUM_WAIT_OBJECTS and for a null handle. waitAll: returns when all are
+// signalled at the same time, and only then resets the auto-reset ones.
 QS_HOST_API DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds);
 
 // ---------------------------------------------------------------------------------------------------------- modules
@@ -80,9 +81,12 @@ inline const HKEY HKEY_LOCAL_MACHINE = reinterpret_cast<HKEY>(std::uintptr_t{0x8
 // REG_SZ data are UTF-16LE bytes with their terminator on every system: `data` points to 16-bit units, not to wchar_t
 // (platform/Utf16.h converts).
 QS_HOST_API LSTATUS RegCreateKeyExW(HKEY key, const wchar_t* subKey, DWORD reserved, wchar_t* className, DWORD options,
-                                    REGSAM access, const SECURITY_ATTRIBUTES* attributes, HKEY* result, DWORD* disposition);
+                                    REGSAM access, const SECURITY_ATTRIBUTES* attributes, HKEY* result,
+                                    DWORD* disposition);
 QS_HOST_API LSTATUS RegCreateKeyW(HKEY key, const wchar_t* subKey, HKEY* result);
 QS_HOST_API LSTATUS RegOpenKeyW(HKEY key, const wchar_t* subKey, HKEY* result);
-QS_HOST_API LSTATUS RegQueryValueExW(HKEY key, const wchar_t* name, DWORD* reserved, DWORD* type, BYTE* data, DWORD* size);
-QS_HOST_API LSTATUS RegSetValueExW(HKEY key, const wchar_t* name, DWORD reserved, DWORD type, const BYTE* data, DWORD size);
+QS_HOST_API LSTATUS RegQueryValueExW(HKEY key, const wchar_t* name, DWORD* reserved, DWORD* type, BYTE* data,
+                                     DWORD* size);
+QS_HOST_API LSTATUS RegSetValueExW(HKEY key, const wchar_t* name, DWORD reserved, DWORD type, const BYTE* data,
+                                   DWORD size);
 QS_HOST_API LSTATUS RegCloseKey(HKEY key);

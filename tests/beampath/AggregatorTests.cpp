@@ -123,8 +123,8 @@ TEST_F(Aggregator, GivesBackTheAreasThatItWasGiven)
     SQsGrabberFormatDesc keptFormat;
     CQsRectBase<int> keptCamera;
     std::uint64_t mask = ~std::uint64_t{0};
-    ASSERT_EQ(0, m_device->StimulationAreaGet(&keptRegions, &keptPicture, &keptScanArea, &keptFormat, &keptCamera,
-                                              &mask));
+    ASSERT_EQ(0,
+              m_device->StimulationAreaGet(&keptRegions, &keptPicture, &keptScanArea, &keptFormat, &keptCamera, &mask));
     ASSERT_EQ(5u, keptRegions.size());
     EXPECT_EQ(2, keptRegions[1].GetPatternIndex());
     EXPECT_EQ(5u, keptPicture.uiWidth);

@@ -43,8 +43,8 @@ SRegisteredClass Describe(const char* name, QsClassConstructor constructor, cons
                           const Pair& pair, const char* vector)
 {
     const auto offset = reinterpret_cast<const char*>(pair.version) - reinterpret_cast<const char*>(pair.parents);
-    return {name, constructor, info, size, pair.parents, pair.version, static_cast<std::size_t>(offset), sizeof(pair),
-            vector};
+    return {name,         constructor, info, size, pair.parents, pair.version, static_cast<std::size_t>(offset),
+            sizeof(pair), vector};
 }
 
 #define QS_DESCRIBE(Class, friendlyName, vector)                                                                       \
@@ -54,8 +54,7 @@ SRegisteredClass Describe(const char* name, QsClassConstructor constructor, cons
              vector)
 
 class RegisteredClass : public testing::TestWithParam<SRegisteredClass>
-{
-};
+{};
 
 std::string Narrow(const std::u16string& text)
 {
@@ -69,10 +68,10 @@ std::string Narrow(const std::u16string& text)
 
 INSTANTIATE_TEST_SUITE_P(
     Classes, RegisteredClass,
-    testing::Values(
-        QS_DESCRIBE(CQsShutterStimulationDevice, "Shutter Stimulation device", "records-001"),
-        QS_DESCRIBE(CQsStimulationDeviceAggregator, "Beampath Aggregated Stimulation device", "records-002"),
-        QS_DESCRIBE(CQsStimulationDeviceProxy, "Beampath Proxy Stimulation device", "records-003")),
+    testing::Values(QS_DESCRIBE(CQsShutterStimulationDevice, "Shutter Stimulation device", "records-001"),
+                    QS_DESCRIBE(CQsStimulationDeviceAggregator, "Beampath Aggregated Stimulation device",
+                                "records-002"),
+                    QS_DESCRIBE(CQsStimulationDeviceProxy, "Beampath Proxy Stimulation device", "records-003")),
     [](const testing::TestParamInfo<SRegisteredClass>& c) { return c.param.name; });
 
 TEST_P(RegisteredClass, TellsItsNameParentSizeAndConstructor)
@@ -141,9 +140,9 @@ TEST_P(RegisteredClass, IsListedUnderItsInterface)
 {
     std::vector<SQsClassEntry> classes;
     CQsRTTI::FindClasses("IQsStimulationDevice", "", "", classes);
-    EXPECT_EQ(1, std::count_if(classes.begin(), classes.end(), [](const SQsClassEntry& entry) {
-                  return entry.cls.Compare(GetParam().name.c_str()) == 0;
-              }));
+    EXPECT_EQ(1, std::count_if(classes.begin(), classes.end(),
+                               [](const SQsClassEntry& entry)
+                               { return entry.cls.Compare(GetParam().name.c_str()) == 0; }));
 }
 
 TEST_P(RegisteredClass, RecordsHaveTheTextsThatLoadersMatch)
@@ -162,9 +161,9 @@ TEST_P(RegisteredClass, RecordsHaveTheTextsThatLoadersMatch)
 TEST(ClassRecords, TakeTheBytesThatTheirTextsGive)
 {
     // By hand: 513 characters and the terminator are 1028 bytes, padded to 1040; 231 are 464, a multiple of 16 already.
-    const auto pair = QsClassRecords::MakePair(
-        QS_CLASS_PARENTS_RECORD(CQsShutterStimulationDevice, "IQsStimulationDevice"),
-        QS_CLASS_VERSION_RECORD(CQsShutterStimulationDevice, 1, "Shutter Stimulation device"));
+    const auto pair =
+        QsClassRecords::MakePair(QS_CLASS_PARENTS_RECORD(CQsShutterStimulationDevice, "IQsStimulationDevice"),
+                                 QS_CLASS_VERSION_RECORD(CQsShutterStimulationDevice, 1, "Shutter Stimulation device"));
     EXPECT_EQ(513u, std::u16string(pair.parents).size());
     EXPECT_EQ(231u, std::u16string(pair.version).size());
     EXPECT_EQ(1040u + 464u, sizeof(pair));

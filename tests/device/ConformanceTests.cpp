@@ -193,8 +193,7 @@ class CFiresWithoutTimes : public CWrong
 };
 
 class CAcceptsAnyKind : public CWrong
-{
-};
+{};
 
 class CAbortBreaksTheNextBegin : public CWrong
 {
@@ -206,8 +205,7 @@ class CAbortBreaksTheNextBegin : public CWrong
 };
 
 class CDoesNotWait : public CWrong
-{
-};
+{};
 
 class CWaitsButHearsNoAbort : public CWrong
 {
@@ -319,8 +317,7 @@ SWrongDevice Queried(const char* name, const char* violation)
 }
 
 class WrongDevice : public testing::TestWithParam<SWrongDevice>
-{
-};
+{};
 
 } // namespace
 
@@ -331,27 +328,26 @@ TEST_P(WrongDevice, IsRejectedForWhatIsWrong)
 
 INSTANTIATE_TEST_SUITE_P(
     Devices, WrongDevice,
-    testing::Values(
-        Plain<COddStatus>("OddStatus", "StimulationAreaUpload: status 5"),
-        Plain<CUnsteadyName>("UnsteadyName", "GetUniqueName: another name"),
-        Plain<CUnknownType>("UnknownType", "GetStimulationDeviceType: unknown type"),
-        Plain<CNegativeExposure>("NegativeExposure", "GetAcquisitionExposureTime: -2"),
-        Plain<CNanExposure>("NanExposure", "GetStimulationExposureTimeCombined"),
-        Plain<CThrowsOnNull>("ThrowsOnNull", "null arguments: an operation threw"),
-        Plain<CThrowsInBegin>("ThrowsInBegin", "unknown kinds: an operation threw"),
-        Plain<CLeavesElementsUnset>("LeavesElementsUnset", "element 1 of 3 is neither a time nor -1.0"),
-        Plain<CWritesBehindTheArray>("WritesBehindTheArray", "element 3 of 3 is behind the array"),
-        Plain<CEndsBeforeItBegins>("EndsBeforeItBegins", "the end lies before the begin"),
-        Plain<CFiresWithoutTimes>("FiresWithoutTimes", "StimulationFire: an output is neither"),
-        Plain<CAcceptsAnyKind>("AcceptsAnyKind", "accepts the unknown kind 99", true),
-        Plain<CAbortBreaksTheNextBegin>("AbortBreaksTheNextBegin", "changes what the next begin answers"),
-        Plain<CDoesNotWait>("DoesNotWait", "returns before the duration has passed", false, true),
-        Plain<CWaitsButHearsNoAbort>("WaitsButHearsNoAbort", "does not end a waiting begin", false, true),
-        Plain<CClearsInfo>("ClearsInfo", "GetStimulationDeviceInfo: does not append"),
-        Plain<CInfoWithoutPhysicalDevice>("InfoWithoutPhysicalDevice", "not in pairs"),
-        Plain<CInfoInSpiteOfFailure>("InfoInSpiteOfFailure", "fails and appends"),
-        Queried<CAnswersTheRoot>("AnswersTheRoot", "QueryInterface: answers \"IQsInterface\""),
-        Queried<CIgnoresCase>("IgnoresCase", "QueryInterface: answers \"iqsstimulationdevice\""),
-        Queried<CLeaksAReference>("LeaksAReference", "takes a reference for \"\""),
-        Queried<CAnswersWithoutReference>("AnswersWithoutReference", "does not hold one reference more")),
+    testing::Values(Plain<COddStatus>("OddStatus", "StimulationAreaUpload: status 5"),
+                    Plain<CUnsteadyName>("UnsteadyName", "GetUniqueName: another name"),
+                    Plain<CUnknownType>("UnknownType", "GetStimulationDeviceType: unknown type"),
+                    Plain<CNegativeExposure>("NegativeExposure", "GetAcquisitionExposureTime: -2"),
+                    Plain<CNanExposure>("NanExposure", "GetStimulationExposureTimeCombined"),
+                    Plain<CThrowsOnNull>("ThrowsOnNull", "null arguments: an operation threw"),
+                    Plain<CThrowsInBegin>("ThrowsInBegin", "unknown kinds: an operation threw"),
+                    Plain<CLeavesElementsUnset>("LeavesElementsUnset", "element 1 of 3 is neither a time nor -1.0"),
+                    Plain<CWritesBehindTheArray>("WritesBehindTheArray", "element 3 of 3 is behind the array"),
+                    Plain<CEndsBeforeItBegins>("EndsBeforeItBegins", "the end lies before the begin"),
+                    Plain<CFiresWithoutTimes>("FiresWithoutTimes", "StimulationFire: an output is neither"),
+                    Plain<CAcceptsAnyKind>("AcceptsAnyKind", "accepts the unknown kind 99", true),
+                    Plain<CAbortBreaksTheNextBegin>("AbortBreaksTheNextBegin", "changes what the next begin answers"),
+                    Plain<CDoesNotWait>("DoesNotWait", "returns before the duration has passed", false, true),
+                    Plain<CWaitsButHearsNoAbort>("WaitsButHearsNoAbort", "does not end a waiting begin", false, true),
+                    Plain<CClearsInfo>("ClearsInfo", "GetStimulationDeviceInfo: does not append"),
+                    Plain<CInfoWithoutPhysicalDevice>("InfoWithoutPhysicalDevice", "not in pairs"),
+                    Plain<CInfoInSpiteOfFailure>("InfoInSpiteOfFailure", "fails and appends"),
+                    Queried<CAnswersTheRoot>("AnswersTheRoot", "QueryInterface: answers \"IQsInterface\""),
+                    Queried<CIgnoresCase>("IgnoresCase", "QueryInterface: answers \"iqsstimulationdevice\""),
+                    Queried<CLeaksAReference>("LeaksAReference", "takes a reference for \"\""),
+                    Queried<CAnswersWithoutReference>("AnswersWithoutReference", "does not hold one reference more")),
     [](const testing::TestParamInfo<SWrongDevice>& wrong) { return wrong.param.subject.name; });

@@ -32,8 +32,7 @@ SMemberPointer Represent(Operation operation)
 template <class Operation>
 std::ptrdiff_t Slot(Operation operation)
 {
-    const std::ptrdiff_t distance =
-        Represent(operation).pointer - Represent(&Device::GetUniqueName).pointer;
+    const std::ptrdiff_t distance = Represent(operation).pointer - Represent(&Device::GetUniqueName).pointer;
     EXPECT_EQ(0, distance % static_cast<std::ptrdiff_t>(sizeof(void*)));
     return distance / static_cast<std::ptrdiff_t>(sizeof(void*));
 }
@@ -168,9 +167,9 @@ TEST(DeviceTable, ACallBySlotReachesTheOperation)
                 ElementsAre("GetUniqueName()", "IsHWConnected()", "IsVisible()", "IsFeatureSupported()",
                             "IsFeatureEnabled()", "GetStimulationDeviceType()", "GetLocalizedStringForUI()",
                             "GetAcquisitionExposureTime()", "GetStimulationExposureTime()",
-                            "GetStimulationExposureTimeCombined()", "StimulationModeGet()",
-                            "StimulationAreaGetCount()", "StimulationAreaGet()", "StimulationAreaIsUpToDate()",
-                            "StimulationIsReady()", "GetStimulationDeviceInfo()"));
+                            "GetStimulationExposureTimeCombined()", "StimulationModeGet()", "StimulationAreaGetCount()",
+                            "StimulationAreaGet()", "StimulationAreaIsUpToDate()", "StimulationIsReady()",
+                            "GetStimulationDeviceInfo()"));
 }
 
 TEST(DeviceDefaults, AreAGenericDeviceWithoutLaserPowerControl)

@@ -59,9 +59,9 @@ void ExpectSame(const Desc& expected, const Desc& d)
     EXPECT_EQ(expected.uiTag, d.uiTag);
 }
 
-const std::vector<std::wstring> s_scalarKeys = {L"dZoom",     L"dAngle",       L"dXOffset",     L"dYOffset",
-                                                L"dScanAreaAspect", L"bIsCrop", L"dCropZoom",   L"dCropXOffset",
-                                                L"dCropYOffset", L"dCropAspect", L"uiPointCoint"};
+const std::vector<std::wstring> s_scalarKeys = {L"dZoom",           L"dAngle",      L"dXOffset",    L"dYOffset",
+                                                L"dScanAreaAspect", L"bIsCrop",     L"dCropZoom",   L"dCropXOffset",
+                                                L"dCropYOffset",    L"dCropAspect", L"uiPointCoint"};
 
 std::vector<std::wstring> Names(const CQsVariant& v)
 {
@@ -136,9 +136,8 @@ TEST(ScanAreaDesc, CopiesAndMovesCarryEveryField)
 TEST(ScanAreaDesc, DeclaresTheCropOffsetsBeforeTheCropZoom)
 {
     const Desc d;
-    const auto at = [&](const double& field) {
-        return reinterpret_cast<const char*>(&field) - reinterpret_cast<const char*>(&d);
-    };
+    const auto at = [&](const double& field)
+    { return reinterpret_cast<const char*>(&field) - reinterpret_cast<const char*>(&d); };
     EXPECT_LT(at(d.dCropXOffset), at(d.dCropYOffset));
     EXPECT_LT(at(d.dCropYOffset), at(d.dCropZoom));
     EXPECT_LT(at(d.dCropZoom), at(d.dCropAspect));
@@ -178,8 +177,7 @@ TEST(ScanAreaDesc, SavesPointsAfterTheCountXBeforeY)
     CQsVariant v;
     ASSERT_EQ(0, Sample().SaveToVariant(v));
     std::vector<std::wstring> expected = s_scalarKeys;
-    for (const wchar_t* name :
-         {L"dPoint0x", L"dPoint0y", L"dPoint1x", L"dPoint1y", L"dPoint2x", L"dPoint2y"})
+    for (const wchar_t* name : {L"dPoint0x", L"dPoint0y", L"dPoint1x", L"dPoint1y", L"dPoint2x", L"dPoint2y"})
         expected.emplace_back(name);
     EXPECT_THAT(Names(v), ElementsAreArray(expected));
     EXPECT_EQ(0.5, v[L"dPoint1x"].ToDouble());
@@ -378,10 +376,9 @@ TEST(ScanAreaDesc, SavesPointsToAStoreAsOneLittleEndianBlock)
     EXPECT_EQ(3, r.GetInt(L"uiPointCoint", -1));
 
     // By hand: 1.0 is 3FF0..., -2.5 is C004..., 0.5 is 3FE0..., 3.0 is 4008..., least significant byte first.
-    const std::array<unsigned char, 48> bytes = {
-        0, 0, 0, 0, 0, 0, 0xF0, 0x3F, 0, 0, 0, 0, 0, 0, 0x04, 0xC0, //
-        0, 0, 0, 0, 0, 0, 0xE0, 0x3F, 0, 0, 0, 0, 0, 0, 0x08, 0x40, //
-        0, 0, 0, 0, 0, 0, 0,    0,    0, 0, 0, 0, 0, 0, 0xF0, 0x3F};
+    const std::array<unsigned char, 48> bytes = {0, 0, 0, 0, 0, 0, 0xF0, 0x3F, 0, 0, 0, 0, 0, 0, 0x04, 0xC0, //
+                                                 0, 0, 0, 0, 0, 0, 0xE0, 0x3F, 0, 0, 0, 0, 0, 0, 0x08, 0x40, //
+                                                 0, 0, 0, 0, 0, 0, 0,    0,    0, 0, 0, 0, 0, 0, 0xF0, 0x3F};
     std::array<unsigned char, 64> stored{};
     stored.fill(0xAA);
     r.GetBinary(L"Points", stored.data(), stored.size());
@@ -434,7 +431,8 @@ TEST(ScanAreaDesc, APartialStoreKeepsTheRest)
 TEST(ScanAreaDesc, ADamagedStoreYieldsNoPoints)
 {
     const std::array<unsigned char, 32> block{};
-    const auto load = [&](std::uint32_t count, std::size_t bytes) {
+    const auto load = [&](std::uint32_t count, std::size_t bytes)
+    {
         CQsLiteVariantW w;
         w.SetUnsigned(L"uiPointCoint", count);
         if (bytes > 0)

@@ -22,9 +22,9 @@ TEST_F(CommandLine, HelpNamesEveryExitCode)
 
 TEST_F(CommandLine, EveryCommandHasHelp)
 {
-    const std::vector<std::vector<std::string>> commands = {
-        {"list"},          {"inspect"}, {"activate"},         {"stimulate"}, {"demo"}, {"script", "list"},
-        {"script", "call"}, {"rig", "check"}, {"registry", "show"}};
+    const std::vector<std::vector<std::string>> commands = {{"list"},           {"inspect"},      {"activate"},
+                                                            {"stimulate"},      {"demo"},         {"script", "list"},
+                                                            {"script", "call"}, {"rig", "check"}, {"registry", "show"}};
     for (std::vector<std::string> command : commands)
     {
         command.push_back("--help");
@@ -36,31 +36,30 @@ TEST_F(CommandLine, EveryCommandHasHelp)
 
 TEST_F(CommandLine, BadUsageGetsOneLineAndExitCodeTwo)
 {
-    const std::vector<std::vector<std::string>> bad = {
-        {},
-        {"shine"},
-        {"list", "--colour"},
-        {"inspect"},
-        {"activate"},
-        {"activate", "A", "--mru", "1"},
-        {"activate", "--confocal", "maybe"},
-        {"stimulate", "--kind", "strobe"},
-        {"stimulate", "--duration", "-1"},
-        {"stimulate", "--duration", "nan"},
-        {"stimulate", "--duration", "inf"},
-        {"stimulate", "--duration", "1e99"},
-        {"stimulate", "--duration", "soon"},
-        {"stimulate", "--groups", "8"},
-        {"stimulate", "--repetitions", "0"},
-        {"--log-level", "loud", "list"},
-        {"script", "call", "P", "--param", "no value"},
-        {"script", "call", "no such procedure"},
-        {"--modules", "/nowhere at all", "list"},
-        {"--rig", "", "list"},
-        {"--log", "", "list"},
-        {"stimulate", "--report", ""},
-        {"stimulate", "--picture", ""},
-        {"demo", "--out", ""}};
+    const std::vector<std::vector<std::string>> bad = {{},
+                                                       {"shine"},
+                                                       {"list", "--colour"},
+                                                       {"inspect"},
+                                                       {"activate"},
+                                                       {"activate", "A", "--mru", "1"},
+                                                       {"activate", "--confocal", "maybe"},
+                                                       {"stimulate", "--kind", "strobe"},
+                                                       {"stimulate", "--duration", "-1"},
+                                                       {"stimulate", "--duration", "nan"},
+                                                       {"stimulate", "--duration", "inf"},
+                                                       {"stimulate", "--duration", "1e99"},
+                                                       {"stimulate", "--duration", "soon"},
+                                                       {"stimulate", "--groups", "8"},
+                                                       {"stimulate", "--repetitions", "0"},
+                                                       {"--log-level", "loud", "list"},
+                                                       {"script", "call", "P", "--param", "no value"},
+                                                       {"script", "call", "no such procedure"},
+                                                       {"--modules", "/nowhere at all", "list"},
+                                                       {"--rig", "", "list"},
+                                                       {"--log", "", "list"},
+                                                       {"stimulate", "--report", ""},
+                                                       {"stimulate", "--picture", ""},
+                                                       {"demo", "--out", ""}};
     for (const std::vector<std::string>& arguments : bad)
     {
         const SOutcome outcome = Stimhost(arguments);
@@ -92,12 +91,14 @@ TEST_F(CommandLine, WrongSettingsOfADeviceAreBadInput)
     {
         const std::string rig = File("settings.json", std::string(R"({
             "format": "stimulation-rig", "version": 1, "name": "Wrong",
-            "devices": [ { "class": "CQsSimPatternDevice", "list": ")") + list + R"(",
+            "devices": [ { "class": "CQsSimPatternDevice", "list": ")") +
+                                                          list + R"(",
                            "settings": { "exposureMs": -1 } } ] })");
         const SOutcome outcome = Stimhost({"list", "--rig", rig});
         EXPECT_EQ(2, outcome.exitCode) << list;
         EXPECT_EQ(1u, LineCount(outcome.err)) << outcome.err;
-        EXPECT_THAT(outcome.err, HasSubstr(rig + ": settings of a device of class CQsSimPatternDevice: \"exposureMs\""));
+        EXPECT_THAT(outcome.err, HasSubstr(rig + ": settings of a device of class CQsSimPatternDevice: "));
+        EXPECT_THAT(outcome.err, HasSubstr("exposureMs"));
         EXPECT_EQ("", outcome.out) << list;
     }
 }

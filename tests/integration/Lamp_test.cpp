@@ -41,8 +41,8 @@ protected:
     void Begin(const char* kind, const char* durationMs, const std::vector<std::string>& more = {})
     {
         m_process.setProcessEnvironment(m_environment);
-        std::vector<std::string> arguments = {"stimulate", "--rig",  m_rig,        "--device", "Lamp",
-                                              "--kind",    kind, "--duration", durationMs};
+        std::vector<std::string> arguments = {"stimulate", "--rig", m_rig,        "--device", "Lamp",
+                                              "--kind",    kind,    "--duration", durationMs};
         arguments.insert(arguments.end(), more.begin(), more.end());
         Start(m_process, arguments);
     }

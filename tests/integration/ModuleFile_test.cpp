@@ -81,68 +81,66 @@ TEST(ModuleFile, ExportsTheConstructorAndTheClassInformationOfEveryRegisteredCla
 TEST(ModuleFile, ExportsTheMakingCopyingAndEndOfTheMultilaserDevice)
 {
     const std::string name = "CQsMultilaserStimulationDevice";
-    EXPECT_THAT(DefinedSymbols(),
-                IsSupersetOf({name + "::" + name + "()", name + "::" + name + "(" + name + " const&)",
-                              name + "::operator=(" + name + " const&)", name + "::~" + name + "()",
-                              "vtable for " + name, "typeinfo for " + name}));
+    EXPECT_THAT(DefinedSymbols(), IsSupersetOf({name + "::" + name + "()", name + "::" + name + "(" + name + " const&)",
+                                                name + "::operator=(" + name + " const&)", name + "::~" + name + "()",
+                                                "vtable for " + name, "typeinfo for " + name}));
 }
 
 // What hosts and plug-ins call; the other public operations stand in the header.
 TEST(ModuleFile, ExportsEveryPublicOperationOfTheManager)
 {
-    const std::vector<std::string> operations = {
-        "GetInstance",
-        "InstanceIfExists",
-        "GetDevice",
-        "GetDeviceCount",
-        "GetDeviceInfo",
-        "FindStimulationDeviceByNameIntelligent",
-        "FindExStimulationDeviceByNameIntelligent",
-        "RegisterSimpleStimulationDevice",
-        "UnregisterSimpleStimulationDevice",
-        "StaticDeviceAdd",
-        "StaticDeviceRemove",
-        "GetStaticDevice",
-        "GetSpecialDevice",
-        "SpecialDevicesAdd",
-        "ShuttersAdd",
-        "OptConfDevicesAdd",
-        "SpecialDevicesRemoveAll",
-        "ShuttersRemoveAll",
-        "OptConfDevicesRemoveAll",
-        "SetVisible",
-        "GetStimulationDevicesForLogDevId",
-        "GetStimulationDevicesForPhysDevId",
-        "QueryFeatureSupported",
-        "QueryFeatureEnabled",
-        "SetActive",
-        "SetActiveMru",
-        "GetV4Device",
-        "IsV4Active",
-        "SetActiveV4",
-        "Save",
-        "AddCallbackForChange",
-        "RemoveCallbackForChange",
-        "AddCallbackForDeviceStateChange",
-        "RemoveCallbackForDeviceStateChange",
-        "AddCallbackForStimulationOCCommand",
-        "RemoveCallbackForStimulationOCCommand",
-        "FireCallbackForChange",
-        "FireCallbackForDeviceStateChange",
-        "FireCallbackForStimulationOCCommand",
-        "RegisterStimulationDeviceManagerEventListener",
-        "UnregisterStimulationDeviceManagerEventListener",
-        "NotifyStimulationDeviceManagerEventListeners",
-        "StimulateTimedWithActiveAsync",
-        "StimulationAbort",
-        "Update",
-        "SetStimulationBeampathsDirty",
-        "GetActiveStimulationBeampathId",
-        "GetStimulationDeviceInterfaceForBeampath",
-        "SQsDeviceInfo::IsModuleLoaded",
-        "SQsDeviceInfo::IsHwConnected",
-        "SQsDeviceInfo::IsDeviceVisible",
-        "SQsInfoEx::SQsInfoEx"};
+    const std::vector<std::string> operations = {"GetInstance",
+                                                 "InstanceIfExists",
+                                                 "GetDevice",
+                                                 "GetDeviceCount",
+                                                 "GetDeviceInfo",
+                                                 "FindStimulationDeviceByNameIntelligent",
+                                                 "FindExStimulationDeviceByNameIntelligent",
+                                                 "RegisterSimpleStimulationDevice",
+                                                 "UnregisterSimpleStimulationDevice",
+                                                 "StaticDeviceAdd",
+                                                 "StaticDeviceRemove",
+                                                 "GetStaticDevice",
+                                                 "GetSpecialDevice",
+                                                 "SpecialDevicesAdd",
+                                                 "ShuttersAdd",
+                                                 "OptConfDevicesAdd",
+                                                 "SpecialDevicesRemoveAll",
+                                                 "ShuttersRemoveAll",
+                                                 "OptConfDevicesRemoveAll",
+                                                 "SetVisible",
+                                                 "GetStimulationDevicesForLogDevId",
+                                                 "GetStimulationDevicesForPhysDevId",
+                                                 "QueryFeatureSupported",
+                                                 "QueryFeatureEnabled",
+                                                 "SetActive",
+                                                 "SetActiveMru",
+                                                 "GetV4Device",
+                                                 "IsV4Active",
+                                                 "SetActiveV4",
+                                                 "Save",
+                                                 "AddCallbackForChange",
+                                                 "RemoveCallbackForChange",
+                                                 "AddCallbackForDeviceStateChange",
+                                                 "RemoveCallbackForDeviceStateChange",
+                                                 "AddCallbackForStimulationOCCommand",
+                                                 "RemoveCallbackForStimulationOCCommand",
+                                                 "FireCallbackForChange",
+                                                 "FireCallbackForDeviceStateChange",
+                                                 "FireCallbackForStimulationOCCommand",
+                                                 "RegisterStimulationDeviceManagerEventListener",
+                                                 "UnregisterStimulationDeviceManagerEventListener",
+                                                 "NotifyStimulationDeviceManagerEventListeners",
+                                                 "StimulateTimedWithActiveAsync",
+                                                 "StimulationAbort",
+                                                 "Update",
+                                                 "SetStimulationBeampathsDirty",
+                                                 "GetActiveStimulationBeampathId",
+                                                 "GetStimulationDeviceInterfaceForBeampath",
+                                                 "SQsDeviceInfo::IsModuleLoaded",
+                                                 "SQsDeviceInfo::IsHwConnected",
+                                                 "SQsDeviceInfo::IsDeviceVisible",
+                                                 "SQsInfoEx::SQsInfoEx"};
     const std::string manager = "CQsStimulationDeviceManager::";
     const std::set<std::string> symbols = DefinedSymbols();
     std::vector<std::string> missing;
@@ -173,14 +171,12 @@ TEST(ModuleFile, KeepsTheClassRecordsInAWritableSectionOfTheirOwn)
 }
 
 class ModuleRecords : public StimhostTest
-{
-};
+{};
 
 TEST_F(ModuleRecords, StandByteForByteAsLoadersMatchThem)
 {
     const std::string dump = Path("qsclass");
-    const SOutcome outcome =
-        RunProgram(QS_OBJCOPY, {"--dump-section", "qsclass=" + dump, QS_MODULE, Path("copy.so")});
+    const SOutcome outcome = RunProgram(QS_OBJCOPY, {"--dump-section", "qsclass=" + dump, QS_MODULE, Path("copy.so")});
     ASSERT_EQ(0, outcome.exitCode) << outcome.err;
     const std::string section = ReadWhole(dump);
 

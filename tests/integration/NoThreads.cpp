@@ -23,8 +23,8 @@ bool IsLit()
 
 } // namespace
 
-extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                                                                     void* (*start)(void*), void* argument) noexcept
+extern "C" __attribute__((visibility("default"))) int
+pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*), void* argument) noexcept
 {
     using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));

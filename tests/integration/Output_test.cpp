@@ -66,9 +66,10 @@ TEST_F(Output, ReportsGoIntoAPipeAndDoNotReplaceIt)
 TEST_F(Output, ThatATruncatedFileWouldHoldLeavesTheOldOne)
 {
     const std::string report = File("report.json", "the old one");
-    const SOutcome outcome = RunProgram(
-        "/bin/sh", {"-c", "ulimit -f 1; exec " QS_BIN "/stimhost --rig '" + ShutterRig() + "' --registry '" +
-                              Path("registry") + "' stimulate --duration 1 --repetitions 20 --report '" + report + "'"});
+    const SOutcome outcome =
+        RunProgram("/bin/sh", {"-c", "ulimit -f 1; exec " QS_BIN "/stimhost --rig '" + ShutterRig() + "' --registry '" +
+                                         Path("registry") + "' stimulate --duration 1 --repetitions 20 --report '" +
+                                         report + "'"});
     EXPECT_EQ(2, outcome.exitCode) << outcome.err;
     EXPECT_THAT(outcome.err, HasSubstr(report + ": cannot be written"));
     EXPECT_EQ("the old one", ReadWhole(report));

@@ -74,8 +74,8 @@ TEST_F(Stimulate, RepetitionsAreSeparateStimulations)
 
 TEST_F(Stimulate, AnAbortPutsTheLightOutBeforeItsTime)
 {
-    const SOutcome outcome = Stimhost(
-        {"stimulate", "--rig", ShutterRig(), "--duration", "20000", "--abort-after", "50", "--json"});
+    const SOutcome outcome =
+        Stimhost({"stimulate", "--rig", ShutterRig(), "--duration", "20000", "--abort-after", "50", "--json"});
     ASSERT_EQ(0, outcome.exitCode) << outcome.err;
     const rapidjson::Document report = ParsedJson(outcome.out);
     const auto& phase = report["phases"][0];

@@ -10,8 +10,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 class AsyncStimulation : public ManagerTest
-{
-};
+{};
 class AsyncStimulationOnDatabase : public DatabaseManagerTest
 {
 public:

@@ -57,8 +57,7 @@ void AbortInCommand(unsigned)
 } // namespace
 
 class AskedByUpdate : public ManagerTest, public ::testing::WithParamInterface<SQuestion>
-{
-};
+{};
 
 TEST_P(AskedByUpdate, ADeviceIsRefusedEveryChangeAndNothingIsLost)
 {

@@ -80,3 +80,33 @@ TEST_F(Lifetime, OfADeviceLastsUntilTheAbortOfAWaitReturns)
     EXPECT_EQ(1, aliveInAbort);
     EXPECT_EQ(0, *m_alive);
 }
+
+// Once it is idle, an operation that waits returns at once and the owner may destroy a device that does not count.
+TEST_F(Lifetime, OfADeviceMayEndAsSoonAsTheManagerIsIdle)
+{
+    class CReleased : public CProbeDevice
+    {
+    public:
+        using CProbeDevice::CProbeDevice;
+        std::atomic<unsigned> releases{0}; // by a worker
+        std::atomic<unsigned> releasesWhenIdle{0};
+        unsigned Release() override
+        {
+            if (CQsRegistryLock::WorkerRun() != 0)
+            {
+                ++releases;
+                releasesWhenIdle += Access::IsRequestPending(M()) ? 0 : 1;
+            }
+            return CProbeDevice::Release();
+        }
+    };
+    auto& device = Make<CReleased>(L"A");
+    Access::SetBeampathDevices(M(), {{4, &device}});
+    CFinish& finish = NewFinish();
+    ASSERT_EQ(0, Start(finish));
+    ASSERT_TRUE(finish.WaitFor());
+    EXPECT_TRUE(WaitIdle());
+    EXPECT_EQ(1u, device.releases);
+    EXPECT_EQ(0u, device.releasesWhenIdle);
+    Access::SetBeampathDevices(M(), {});
+}

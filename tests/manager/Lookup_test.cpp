@@ -57,8 +57,7 @@ private:
     }
 };
 class LookupOnDatabase : public DatabaseManagerTest
-{
-};
+{};
 
 namespace {
 

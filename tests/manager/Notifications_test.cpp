@@ -39,9 +39,11 @@ template <class Function>
 std::vector<int> ByAddress(const std::array<Function, 4>& functions)
 {
     std::vector<int> order = {0, 1, 2, 3};
-    std::sort(order.begin(), order.end(), [&functions](int a, int b) {
-        return std::less<Function>()(functions[static_cast<std::size_t>(a)], functions[static_cast<std::size_t>(b)]);
-    });
+    std::sort(order.begin(), order.end(),
+              [&functions](int a, int b) {
+                  return std::less<Function>()(functions[static_cast<std::size_t>(a)],
+                                               functions[static_cast<std::size_t>(b)]);
+              });
     return order;
 }
 
@@ -264,8 +266,7 @@ TEST_F(Notifications, MayBeFiredByAFunctionThatIsBeingCalled)
     M().FireCallbackForStimulationOCCommand(Manager::eOCCommandStimulationBegin);
     device.DeviceStateChangedCallback(1);
     M().FireCallbackForChange(1);
-    EXPECT_THAT(Calls().Entries(),
-                ElementsAre("command 1", "command 2", "state 1", "state 2", "change 1", "change 2"));
+    EXPECT_THAT(Calls().Entries(), ElementsAre("command 1", "command 2", "state 1", "state 2", "change 1", "change 2"));
 }
 
 TEST_F(Notifications, SeeFunctionsThatAreAddedAndRemovedMeanwhileAtTheNextFiring)
@@ -387,10 +388,10 @@ TEST_F(Notifications, AskAListenerAgainOnlyWhenItIsWorseThanTheResultSoFar)
     const SCase cases[] = {
         {{}, 0, {}},
         {{{-9, -9}}, -9, {2}},
-        {{{-9, -9}, {-2, -2}}, -9, {2, 1}},      // the second is not worse than the first
-        {{{-9, -2}, {-2, -5}}, -2, {2, 1}},      // nor is it when the first took its answer back
-        {{{-9, 0}}, 0, {2}},                     // the second answer counts, also when it is better
-        {{{-9, 7}, {0, -3}}, -3, {2, 2}},        // and then the next is measured against that
+        {{{-9, -9}, {-2, -2}}, -9, {2, 1}}, // the second is not worse than the first
+        {{{-9, -2}, {-2, -5}}, -2, {2, 1}}, // nor is it when the first took its answer back
+        {{{-9, 0}}, 0, {2}},                // the second answer counts, also when it is better
+        {{{-9, 7}, {0, -3}}, -3, {2, 2}},   // and then the next is measured against that
         {{{-1, -8}, {-8, -8}, {-9, -1}}, -1, {2, 1, 2}},
     };
     for (const SCase& expected : cases)

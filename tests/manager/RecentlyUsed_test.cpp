@@ -30,8 +30,7 @@ std::vector<CQsStringW> Names(unsigned count)
 } // namespace
 
 class RecentlyUsed : public ManagerTest
-{
-};
+{};
 
 TEST_F(RecentlyUsed, AreThePointScannerAndItsSuccessorWhenNothingIsStored)
 {

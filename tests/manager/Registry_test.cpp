@@ -8,11 +8,9 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 class Registry : public ManagerTest
-{
-};
+{};
 class RegistryOnDatabase : public DatabaseManagerTest
-{
-};
+{};
 
 TEST_F(Registry, StartsEmptyWithoutAnActiveDevice)
 {
@@ -43,12 +41,14 @@ TEST_F(Registry, GivesAllThreadsTheSameFirstInstance)
     std::vector<std::thread> callers;
     for (std::size_t i = 0; i < threads; ++i)
     {
-        callers.emplace_back([&seen, &waiting, i] {
-            ++waiting;
-            while (waiting < threads)
-                std::this_thread::yield();
-            seen[i] = Manager::GetInstance();
-        });
+        callers.emplace_back(
+            [&seen, &waiting, i]
+            {
+                ++waiting;
+                while (waiting < threads)
+                    std::this_thread::yield();
+                seen[i] = Manager::GetInstance();
+            });
     }
     for (std::thread& caller : callers)
         caller.join();
@@ -489,6 +489,10 @@ TEST_F(Registry, RemovingAListForgetsADeviceAlsoWhenItHasChangedItsName)
     ASSERT_EQ(0, *alive);
     EXPECT_EQ(nullptr, M().GetActive());
     EXPECT_EQ(nullptr, M().GetDevice(L"S"));
+    Manager::SQsInfo info;
+    info.sName = L"unwritten";
+    EXPECT_EQ(nullptr, M().GetActive(info));
+    EXPECT_EQ(L"unwritten", info.sName);
     EXPECT_EQ(0, M().SetActive(L"B", false));
     EXPECT_EQ(&other, M().GetActive());
     EXPECT_EQ(0, M().Update());

@@ -143,8 +143,8 @@ TEST_F(RepeatedPatterns, EndAfterTheFireThatFails)
     const SFinished end = Run(Timed(1000.0));
     EXPECT_EQ(-7, end.result);
     EXPECT_EQ(3u, end.count);
-    EXPECT_THAT(device.log.Entries(), ElementsAre("StimulationBegin(3, 0)", "StimulationFire(3)", "StimulationFire(3)",
-                                                  "StimulationEnd(3)"));
+    EXPECT_THAT(device.log.Entries(),
+                ElementsAre("StimulationBegin(3, 0)", "StimulationFire(3)", "StimulationFire(3)", "StimulationEnd(3)"));
 }
 
 TEST_F(RepeatedPatterns, FireNothingAfterABeginThatFailsAndAreStillEnded)
@@ -229,10 +229,10 @@ TEST_F(RepeatedPatterns, CountsAreTheRatioPlusOneHalfTruncated)
     constexpr double inf = std::numeric_limits<double>::infinity();
     constexpr double nan = std::numeric_limits<double>::quiet_NaN();
     CProbeDevice& device = Patterns();
-    EXPECT_EQ(1u, Count(device, 150.0, 300.0)); // 1.0
-    EXPECT_EQ(0u, Count(device, 149.0, 300.0)); // 0.997
-    EXPECT_EQ(1u, Count(device, 449.0, 300.0)); // 1.997
-    EXPECT_EQ(2u, Count(device, 450.0, 300.0)); // 2.0
+    EXPECT_EQ(1u, Count(device, 150.0, 300.0));  // 1.0
+    EXPECT_EQ(0u, Count(device, 149.0, 300.0));  // 0.997
+    EXPECT_EQ(1u, Count(device, 449.0, 300.0));  // 1.997
+    EXPECT_EQ(2u, Count(device, 450.0, 300.0));  // 2.0
     EXPECT_EQ(4u, Count(device, 1000.0, 250.0)); // 4.5
     EXPECT_EQ(2000u, Count(device, 1000.0, 0.5));
     // No number: none.

@@ -1,5 +1,5 @@
-// Stimulations that are started while another thread changes the devices. Where they reach a device in the middle of the
-// change, they find none and never end, or use one that its owner has destroyed.
+// Stimulations that are started while another thread changes the devices. Where they reach a device in the middle of
+// the change, they find none and never end, or use one that its owner has destroyed.
 #include "tests/manager/ManagerTest.h"
 
 using namespace QsTest;
@@ -33,8 +33,8 @@ void HandleStateSlowly(IQsStimulationDevice*, unsigned)
 class StartBeside : public ManagerTest
 {
 public:
-    // Updates with B the device to activate, while A is active and `whileUpdating` runs in one of its queries or when it
-    // is switched off, and expects that the stimulation which is started in it goes to B.
+    // Updates with B the device to activate, while A is active and `whileUpdating` runs in one of its queries or when
+    // it is switched off, and expects that the stimulation which is started in it goes to B.
     void ExpectTheStimulationOnB(CProbeDevice& a, CProbeDevice& b)
     {
         EXPECT_EQ(0, M().Update());
@@ -112,7 +112,8 @@ TEST_F(StartBeside, AnUpdateWhoseOldDeviceRegistersAnotherGoesToTheOneThatItActi
         if (!bActive)
         {
             StartOnAnotherThread();
-            registered = M().RegisterSimpleStimulationDevice(&other); // waits for no stimulation in the middle of Update
+            registered =
+                M().RegisterSimpleStimulationDevice(&other); // waits for no stimulation in the middle of Update
         }
         return 0;
     };

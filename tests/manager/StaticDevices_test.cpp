@@ -38,8 +38,7 @@ public:
     explicit CTestClass(const char* name)
         : m_info(name, "IQsStimulationDevice", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                  sizeof(CRegisteredDevice), &CRegisteredDevice::Construct)
-    {
-    }
+    {}
 
 private:
     CQsClassInfo m_info;
@@ -86,9 +85,9 @@ protected:
 TEST_F(StaticDevices, AreEveryRegisteredDeviceClassButThoseThatRegisterThemselves)
 {
     const char* const excluded[] = {
-        "CQsOptConfStimulationDevice",    "CQsStimulationDeviceMosaic", "CQsStimulationDeviceMosaicSim",
+        "CQsOptConfStimulationDevice",    "CQsStimulationDeviceMosaic",     "CQsStimulationDeviceMosaicSim",
         "CQsStimulationDeviceMightex",    "CQsStimulationDeviceMightexSim", "CQsMightexAggregator",
-        "CQsMightexAggregatorSim",        "CQsStimulationDeviceFrappa", "CQsStimulationDeviceFrappaSim",
+        "CQsMightexAggregatorSim",        "CQsStimulationDeviceFrappa",     "CQsStimulationDeviceFrappaSim",
         "CQsStimulationDeviceAggregator", "CQsStimulationDeviceProxy",
     };
     std::deque<CTestClass> classes;

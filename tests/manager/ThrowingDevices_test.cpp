@@ -67,12 +67,24 @@ public:
         };
         switch (GetParam().operation)
         {
-        case EOperation::Areas: device.onAreaCount = thrower; break;
-        case EOperation::Mode: device.onModeGet = thrower; break;
-        case EOperation::Exposure: device.onExposure = thrower; break;
-        case EOperation::Begin: device.onBegin = status; break;
-        case EOperation::Fire: device.onFire = status; break;
-        case EOperation::End: device.onEnd = status; break;
+        case EOperation::Areas:
+            device.onAreaCount = thrower;
+            break;
+        case EOperation::Mode:
+            device.onModeGet = thrower;
+            break;
+        case EOperation::Exposure:
+            device.onExposure = thrower;
+            break;
+        case EOperation::Begin:
+            device.onBegin = status;
+            break;
+        case EOperation::Fire:
+            device.onFire = status;
+            break;
+        case EOperation::End:
+            device.onEnd = status;
+            break;
         }
     }
     static void Heal(CProbeDevice& device)
@@ -143,16 +155,15 @@ TEST_P(ThrowingDevice, MayThrowWhatIsNoException)
 
 INSTANTIATE_TEST_SUITE_P(Operations, ThrowingDevice,
                          ::testing::Values(SCase{EOperation::Areas, false, false},
-                                           SCase{EOperation::Mode, false, false},
-                                           SCase{EOperation::Begin, false, true}, SCase{EOperation::End, false, true},
+                                           SCase{EOperation::Mode, false, false}, SCase{EOperation::Begin, false, true},
+                                           SCase{EOperation::End, false, true},
                                            SCase{EOperation::Exposure, true, false},
                                            SCase{EOperation::Begin, true, true}, SCase{EOperation::Fire, true, true},
                                            SCase{EOperation::End, true, true}),
                          Name);
 
 class ThrowingCall : public ManagerTest
-{
-};
+{};
 
 TEST_F(ThrowingCall, OfTheFinishFunctionLeavesTheManagerIdle)
 {

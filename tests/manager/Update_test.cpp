@@ -9,11 +9,9 @@ using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
 class Update : public ManagerTest
-{
-};
+{};
 class UpdateOnDatabase : public DatabaseManagerTest
-{
-};
+{};
 
 TEST_F(Update, WithoutDevicesFiresThatNoneIsActiveAndThenThatTheListIsNew)
 {
@@ -227,23 +225,23 @@ TEST_F(Update, FiresItsCodesUnderTheRegistryLock)
     s_bOtherHadToWait = false;
     Simple(L"A");
     const Manager::ChangeCallback callback = [](unsigned code)
-        {
-            if (code != 1)
-                return;
-            std::atomic<bool> bRuns{false};
-            s_other = std::thread(
-                [&bRuns]
-                {
-                    bRuns = true;
-                    M().GetDevice(L"A");
-                    s_bOtherGotIt = true;
-                });
-            while (!bRuns)
-                std::this_thread::yield();
-            for (int i = 0; i < 1000; ++i)
-                std::this_thread::yield();
-            s_bOtherHadToWait = !s_bOtherGotIt;
-        };
+    {
+        if (code != 1)
+            return;
+        std::atomic<bool> bRuns{false};
+        s_other = std::thread(
+            [&bRuns]
+            {
+                bRuns = true;
+                M().GetDevice(L"A");
+                s_bOtherGotIt = true;
+            });
+        while (!bRuns)
+            std::this_thread::yield();
+        for (int i = 0; i < 1000; ++i)
+            std::this_thread::yield();
+        s_bOtherHadToWait = !s_bOtherGotIt;
+    };
     M().AddCallbackForChange(callback);
     EXPECT_EQ(0, M().Update());
     M().RemoveCallbackForChange(callback);

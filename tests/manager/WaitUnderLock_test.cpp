@@ -28,11 +28,21 @@ public:
     {
         switch (run % 5)
         {
-        case 0: EXPECT_EQ(0, M().RegisterSimpleStimulationDevice(m_other)); break;
-        case 1: EXPECT_EQ(0, M().UnregisterSimpleStimulationDevice(m_other)); break;
-        case 2: EXPECT_EQ(0, M().Update()); break;
-        case 3: M().ShuttersRemoveAll(); break;
-        default: EXPECT_EQ(0, M().SetActive(L"A", false)); break;
+        case 0:
+            EXPECT_EQ(0, M().RegisterSimpleStimulationDevice(m_other));
+            break;
+        case 1:
+            EXPECT_EQ(0, M().UnregisterSimpleStimulationDevice(m_other));
+            break;
+        case 2:
+            EXPECT_EQ(0, M().Update());
+            break;
+        case 3:
+            M().ShuttersRemoveAll();
+            break;
+        default:
+            EXPECT_EQ(0, M().SetActive(L"A", false));
+            break;
         }
     }
 
@@ -247,8 +257,9 @@ TEST_F(WaitUnderLock, IsRefusedAtOnceToAStateCallbackThatTheDeviceWaitsFor)
     M().AddCallbackForDeviceStateChange(
         [](IQsStimulationDevice*, unsigned)
         {
-            s_statuses = {M().RegisterSimpleStimulationDevice(s_stranger), M().UnregisterSimpleStimulationDevice(s_stranger),
-                          M().Update(), M().SetActive(L"A", false), Access::WaitForStimulationEnd(M(), 30000, true)};
+            s_statuses = {M().RegisterSimpleStimulationDevice(s_stranger),
+                          M().UnregisterSimpleStimulationDevice(s_stranger), M().Update(), M().SetActive(L"A", false),
+                          Access::WaitForStimulationEnd(M(), 30000, true)};
         });
     std::chrono::steady_clock::duration lasted{};
     device.onBegin = [&](const Request&)

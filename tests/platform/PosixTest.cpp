@@ -29,10 +29,12 @@ class CWaiter
 {
 public:
     explicit CWaiter(Wait wait)
-        : m_thread([this, wait] {
-              m_id = static_cast<long>(syscall(SYS_gettid));
-              m_result = wait();
-          })
+        : m_thread(
+              [this, wait]
+              {
+                  m_id = static_cast<long>(syscall(SYS_gettid));
+                  m_result = wait();
+              })
     {
         int asleep = 0; // several looks in a row: a lock on the way to the wait is not the wait
         while (asleep < 5)
@@ -156,15 +158,21 @@ TEST(Event, ClosingIsCountedWhenItClosedSomething)
 TEST(Wait, ATimedOneAsksForTheFinestTimer)
 {
     HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    std::thread([&] {
-        ASSERT_NE(1, prctl(PR_GET_TIMERSLACK));
-        WaitForSingleObject(event, 1);
-        EXPECT_EQ(1, prctl(PR_GET_TIMERSLACK));
-    }).join();
-    std::thread([&] {
-        WaitForMultipleObjects(1, &event, TRUE, 1);
-        EXPECT_EQ(1, prctl(PR_GET_TIMERSLACK));
-    }).join();
+    std::thread(
+        [&]
+        {
+            ASSERT_NE(1, prctl(PR_GET_TIMERSLACK));
+            WaitForSingleObject(event, 1);
+            EXPECT_EQ(1, prctl(PR_GET_TIMERSLACK));
+        })
+        .join();
+    std::thread(
+        [&]
+        {
+            WaitForMultipleObjects(1, &event, TRUE, 1);
+            EXPECT_EQ(1, prctl(PR_GET_TIMERSLACK));
+        })
+        .join();
     CloseHandle(event);
 }
 
@@ -217,7 +225,8 @@ TEST(Thread, HonoursTheStackSizeAndIsDetachedInAnyCase)
         QsThread thread;
         ASSERT_EQ(0, pthread_create(
                          &thread, &attributes,
-                         [](void* context) -> void* {
+                         [](void* context) -> void*
+                         {
                              auto& mine = *static_cast<SSeen*>(context);
                              WaitForSingleObject(mine.created, kLong);
                              pthread_attr_t own;
@@ -259,7 +268,8 @@ TEST(Thread, KnowsItsOwnHandleFromItsFirstInstruction)
     } own;
     ASSERT_EQ(0, pthread_create(
                      &own.thread, nullptr,
-                     [](void* context) -> void* {
+                     [](void* context) -> void*
+                     {
                          auto& mine = *static_cast<SOwn*>(context);
                          mine.known = mine.thread != nullptr;
                          return nullptr;

@@ -187,19 +187,22 @@ TEST_F(RegistryFile, AnotherProcessReadsWhatThisOneWrote)
     HKEY key = Create(HKEY_CURRENT_USER);
     SetBytes(key, L"value", REG_BINARY, {1, 2, 3});
     RegCloseKey(key);
-    const pid_t child = InAnotherProcess([] {
-        HKEY mine = nullptr;
-        if (RegOpenKeyW(HKEY_CURRENT_USER, kPath, &mine) != ERROR_SUCCESS)
-            return 1;
-        return ValueOf(mine, L"value") == Bytes{1, 2, 3} ? 42 : 2;
-    });
+    const pid_t child = InAnotherProcess(
+        []
+        {
+            HKEY mine = nullptr;
+            if (RegOpenKeyW(HKEY_CURRENT_USER, kPath, &mine) != ERROR_SUCCESS)
+                return 1;
+            return ValueOf(mine, L"value") == Bytes{1, 2, 3} ? 42 : 2;
+        });
     EXPECT_EQ(42, EndOf(child));
 }
 
 TEST_F(RegistryFile, TwoProcessesWritingAtOnceLoseNothing)
 {
     constexpr int kValues = 40;
-    const auto writer = [](wchar_t letter) {
+    const auto writer = [](wchar_t letter)
+    {
         HKEY key = nullptr;
         if (RegCreateKeyW(HKEY_CURRENT_USER, kPath, &key) != ERROR_SUCCESS)
             return 1;
@@ -229,11 +232,14 @@ TEST_F(RegistryFile, IsWholeAfterAWriterIsKilledAtAnyMoment)
     ASSERT_EQ(ERROR_SUCCESS, SetBytes(key, L"value", REG_BINARY, small));
     for (int round = 0; round < 15; ++round)
     {
-        const pid_t child = InAnotherProcess([&] {
-            for (;;)
-                if (SetBytes(key, L"value", REG_BINARY, large) != 0 || SetBytes(key, L"value", REG_BINARY, small) != 0)
-                    return 1;
-        });
+        const pid_t child = InAnotherProcess(
+            [&]
+            {
+                for (;;)
+                    if (SetBytes(key, L"value", REG_BINARY, large) != 0 ||
+                        SetBytes(key, L"value", REG_BINARY, small) != 0)
+                        return 1;
+            });
         usleep(static_cast<useconds_t>(1500 + 1700 * round)); // any moment will do
         kill(child, SIGKILL);
         ASSERT_EQ(-SIGKILL, EndOf(child));
@@ -364,12 +370,14 @@ TEST_F(RegistryFile, AFullDiskLeavesTheOldContent)
     ASSERT_EQ(ERROR_SUCCESS, SetBytes(key, L"value", REG_BINARY, {1}));
     const std::string before = Content(File());
     // A limit on the size of files stands in for a disk without room.
-    const pid_t child = InAnotherProcess([&] {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{1000, 1000};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        return SetBytes(key, L"value", REG_BINARY, Bytes(5000, 2)) == ERROR_WRITE_FAULT ? 42 : 1;
-    });
+    const pid_t child = InAnotherProcess(
+        [&]
+        {
+            signal(SIGXFSZ, SIG_IGN);
+            const rlimit limit{1000, 1000};
+            setrlimit(RLIMIT_FSIZE, &limit);
+            return SetBytes(key, L"value", REG_BINARY, Bytes(5000, 2)) == ERROR_WRITE_FAULT ? 42 : 1;
+        });
     EXPECT_EQ(42, EndOf(child));
     EXPECT_EQ(before, Content(File()));
     EXPECT_EQ(ERROR_SUCCESS, SetBytes(key, L"value", REG_BINARY, {2}));
@@ -380,11 +388,13 @@ TEST_F(RegistryFile, AWriterThatHoldsTheLockTooLongIsAccessDenied)
 {
     HKEY key = Create(HKEY_CURRENT_USER);
     const std::string lock = File() + ".lock";
-    const pid_t holder = InAnotherProcess([&] {
-        for (std::uint8_t i = 0;; ++i)
-            if (SetBytes(key, L"held", REG_BINARY, Bytes(200000, i)) != ERROR_SUCCESS)
-                return 1;
-    });
+    const pid_t holder = InAnotherProcess(
+        [&]
+        {
+            for (std::uint8_t i = 0;; ++i)
+                if (SetBytes(key, L"held", REG_BINARY, Bytes(200000, i)) != ERROR_SUCCESS)
+                    return 1;
+        });
     // Frozen at a moment at which it holds the lock.
     bool held = false;
     for (int attempt = 0; attempt < 20000 && !held; ++attempt)

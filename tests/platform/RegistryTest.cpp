@@ -94,16 +94,16 @@ TEST_F(Registry, CreatingAnExistingKeyKeepsItsValues)
 TEST_F(Registry, TextComesBackByteForByte)
 {
     ExpectRoundTrip(m_key, REG_SZ, {'L', 0, 'a', 0, 'm', 0, 'p', 0, 0, 0});
-    ExpectRoundTrip(m_key, REG_SZ, {0, 0});                               // empty text
-    ExpectRoundTrip(m_key, REG_SZ, {});                                   // nothing at all
-    ExpectRoundTrip(m_key, REG_SZ, {'x', 0});                             // no terminator
-    ExpectRoundTrip(m_key, REG_SZ, {'x', 0, 0, 0, 0, 0});                 // two terminators
-    ExpectRoundTrip(m_key, REG_SZ, {'x', 0, 0, 0, 'y', 0, 0, 0});         // a terminator inside
-    ExpectRoundTrip(m_key, REG_SZ, {0x3D, 0xD8, 0x00, 0xDE, 0, 0});       // a surrogate pair
-    ExpectRoundTrip(m_key, REG_SZ, {0x3D, 0xD8, 'y', 0, 0, 0});           // high surrogate alone
-    ExpectRoundTrip(m_key, REG_SZ, {0x00, 0xDE, 'y', 0, 0, 0});           // low surrogate alone
-    ExpectRoundTrip(m_key, REG_SZ, {0xFF, 0xFE, 'y', 0, 0, 0});           // U+FEFF in front
-    ExpectRoundTrip(m_key, REG_SZ, {'y', 0, 0xFF, 0xFE, 0, 0});           // and behind
+    ExpectRoundTrip(m_key, REG_SZ, {0, 0});                                 // empty text
+    ExpectRoundTrip(m_key, REG_SZ, {});                                     // nothing at all
+    ExpectRoundTrip(m_key, REG_SZ, {'x', 0});                               // no terminator
+    ExpectRoundTrip(m_key, REG_SZ, {'x', 0, 0, 0, 0, 0});                   // two terminators
+    ExpectRoundTrip(m_key, REG_SZ, {'x', 0, 0, 0, 'y', 0, 0, 0});           // a terminator inside
+    ExpectRoundTrip(m_key, REG_SZ, {0x3D, 0xD8, 0x00, 0xDE, 0, 0});         // a surrogate pair
+    ExpectRoundTrip(m_key, REG_SZ, {0x3D, 0xD8, 'y', 0, 0, 0});             // high surrogate alone
+    ExpectRoundTrip(m_key, REG_SZ, {0x00, 0xDE, 'y', 0, 0, 0});             // low surrogate alone
+    ExpectRoundTrip(m_key, REG_SZ, {0xFF, 0xFE, 'y', 0, 0, 0});             // U+FEFF in front
+    ExpectRoundTrip(m_key, REG_SZ, {'y', 0, 0xFF, 0xFE, 0, 0});             // and behind
     ExpectRoundTrip(m_key, REG_SZ, {'"', 0, '\\', 0, '\n', 0, 1, 0, 0, 0}); // what text files escape
 }
 
@@ -147,7 +147,10 @@ TEST_F(Registry, ValueNamesIgnoreCaseAndMayBeAnything)
     ASSERT_EQ(ERROR_SUCCESS, SetBytes(m_key, L"Device-0", REG_BINARY, {1}));
     ASSERT_EQ(ERROR_SUCCESS, SetBytes(m_key, L"DEVICE-0", REG_BINARY, {2}));
     EXPECT_EQ((Bytes{2}), ValueOf(m_key, L"device-0"));
-    for (const wchar_t* name : {L"", L"with \\ and \"", L"\x00DC" L"ber\x4E2D", L" ", L"type"})
+    for (const wchar_t* name : {L"", L"with \\ and \"",
+                                L"\x00DC"
+                                L"ber\x4E2D",
+                                L" ", L"type"})
     {
         ASSERT_EQ(ERROR_SUCCESS, SetBytes(m_key, name, REG_BINARY, {3, 4}));
         EXPECT_EQ((Bytes{3, 4}), ValueOf(m_key, name));

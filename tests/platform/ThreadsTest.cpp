@@ -36,7 +36,8 @@ TEST(Thread, RunsWithItsArgument)
     QsThread thread{};
     ASSERT_EQ(0, pthread_create(
                      &thread, nullptr,
-                     [](void* context) -> void* {
+                     [](void* context) -> void*
+                     {
                          *static_cast<std::atomic<int>*>(context) = 42;
                          return nullptr;
                      },
@@ -67,10 +68,12 @@ TEST(Thread, AnEndedOneAnswersEveryWaitFromEveryThread)
     std::atomic<int> ended{0};
     std::vector<std::thread> waiters;
     for (int i = 0; i < 8; ++i)
-        waiters.emplace_back([&] {
-            for (int n = 0; n < 100; ++n)
-                ended += pthreadCancelableTimedWait(pthread_getw32threadhandle_np(thread), kLong) == 0 ? 1 : 0;
-        });
+        waiters.emplace_back(
+            [&]
+            {
+                for (int n = 0; n < 100; ++n)
+                    ended += pthreadCancelableTimedWait(pthread_getw32threadhandle_np(thread), kLong) == 0 ? 1 : 0;
+            });
     SetEvent(held.go);
     for (std::thread& waiter : waiters)
         waiter.join();
@@ -131,7 +134,8 @@ TEST(Thread, ManyShortOnesLeaveNothingBehind)
         QsThread thread{};
         ASSERT_EQ(0, pthread_create(
                          &thread, nullptr,
-                         [](void* context) -> void* {
+                         [](void* context) -> void*
+                         {
                              ++*static_cast<std::atomic<int>*>(context);
                              return nullptr;
                          },

@@ -151,11 +151,13 @@ TEST(WaitForSingleObject, AnAutoEventReleasesOneWaiterForEachSignal)
     std::atomic<int> released{0};
     std::vector<std::thread> waiters;
     for (int i = 0; i < 4; ++i)
-        waiters.emplace_back([&] {
-            if (WaitForSingleObject(event, kLong) == WAIT_OBJECT_0)
-                ++released;
-            SetEvent(taken);
-        });
+        waiters.emplace_back(
+            [&]
+            {
+                if (WaitForSingleObject(event, kLong) == WAIT_OBJECT_0)
+                    ++released;
+                SetEvent(taken);
+            });
     for (int i = 1; i <= 4; ++i)
     {
         SetEvent(event);
@@ -259,13 +261,15 @@ TEST(WaitForMultipleObjects, SixtyFourEndWhenTheLastIsSignalled)
     for (int i = 0; i < 64; ++i)
         events.push_back(CreateEventW(nullptr, i % 2, FALSE, nullptr));
     std::atomic<int> set{0};
-    std::thread setter([&] {
-        for (HANDLE event : events)
+    std::thread setter(
+        [&]
         {
-            ++set;
-            SetEvent(event);
-        }
-    });
+            for (HANDLE event : events)
+            {
+                ++set;
+                SetEvent(event);
+            }
+        });
     EXPECT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(64, events.data(), TRUE, INFINITE));
     EXPECT_EQ(64, set);
     setter.join();
@@ -283,26 +287,33 @@ TEST(WaitForMultipleObjects, ThreeThreadsShareEverySignalWithoutLosingOrDoubling
     CEvent stop(true);
     CEvent taken(false);
     std::atomic<int> count{0};
-    const auto consumed = [&] {
+    const auto consumed = [&]
+    {
         ++count;
         SetEvent(taken);
     };
-    std::thread any([&] {
-        const HANDLE handles[] = {stop, event};
-        while (WaitForMultipleObjects(2, handles, FALSE, kLong) == WAIT_OBJECT_0 + 1)
-            consumed();
-    });
-    std::thread all([&] {
-        const HANDLE handle = event;
-        while (Poll(stop) == WAIT_TIMEOUT)
-            if (WaitForMultipleObjects(1, &handle, TRUE, 5) == WAIT_OBJECT_0)
+    std::thread any(
+        [&]
+        {
+            const HANDLE handles[] = {stop, event};
+            while (WaitForMultipleObjects(2, handles, FALSE, kLong) == WAIT_OBJECT_0 + 1)
                 consumed();
-    });
-    std::thread single([&] {
-        while (Poll(stop) == WAIT_TIMEOUT)
-            if (WaitForSingleObject(event, 5) == WAIT_OBJECT_0)
-                consumed();
-    });
+        });
+    std::thread all(
+        [&]
+        {
+            const HANDLE handle = event;
+            while (Poll(stop) == WAIT_TIMEOUT)
+                if (WaitForMultipleObjects(1, &handle, TRUE, 5) == WAIT_OBJECT_0)
+                    consumed();
+        });
+    std::thread single(
+        [&]
+        {
+            while (Poll(stop) == WAIT_TIMEOUT)
+                if (WaitForSingleObject(event, 5) == WAIT_OBJECT_0)
+                    consumed();
+        });
     for (int i = 1; i <= 500; ++i)
     {
         SetEvent(event);

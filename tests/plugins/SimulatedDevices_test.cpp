@@ -218,9 +218,8 @@ TEST(SimulatedPatterns, StopTheShotAndAllLaterOnesAtAnAbort)
     const DevicePtr device = MakeDevice(patternClass, R"({"name": "P", "exposureMs": 60000})");
     EXPECT_EQ(0, device->StimulationBegin(Request(3, 0.0, 2)));
     const double start = QS_GetTimeCounter();
-    std::future<int> fired = std::async(std::launch::async, [&] {
-        return device->StimulationFire(Request(3), nullptr, nullptr);
-    });
+    std::future<int> fired =
+        std::async(std::launch::async, [&] { return device->StimulationFire(Request(3), nullptr, nullptr); });
     ASSERT_TRUE(Eventually([] { return !CQsJournal::LitDevices().empty(); }));
     EXPECT_EQ(0, device->StimulationAbort());
     EXPECT_THAT(CQsJournal::LitDevices(), IsEmpty()); // not only when the shot has woken up
@@ -301,11 +300,13 @@ TEST(SimulatedDevices, StayDarkWhenTheAbortComesWhileTheyPrepare)
     const DevicePtr device = MakeDevice(genericClass, R"({"name": "G", "beginMs": 60000})");
     std::future<int> begun = std::async(std::launch::async, [&] { return device->StimulationBegin(Request(1)); });
     ASSERT_TRUE(Eventually([] { return CQsJournal::Count() > 0; }));
-    ASSERT_TRUE(Eventually([&] {
-        // The abort counts from the moment at which the begin has started its work.
-        device->StimulationAbort();
-        return begun.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready;
-    }));
+    ASSERT_TRUE(Eventually(
+        [&]
+        {
+            // The abort counts from the moment at which the begin has started its work.
+            device->StimulationAbort();
+            return begun.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready;
+        }));
     EXPECT_EQ(-9, begun.get());
     EXPECT_THAT(Pulses("G"), IsEmpty());
 }
@@ -460,13 +461,15 @@ TEST(SimulatedDevices, LeaveNoLightHoweverAbortsFall)
     std::atomic<bool> over{false};
     std::vector<std::thread> aborting;
     for (int t = 0; t < 2; ++t)
-        aborting.emplace_back([&] {
-            while (!over)
+        aborting.emplace_back(
+            [&]
             {
-                device->StimulationAbort();
-                std::this_thread::yield();
-            }
-        });
+                while (!over)
+                {
+                    device->StimulationAbort();
+                    std::this_thread::yield();
+                }
+            });
     for (int i = 0; i < 60; ++i)
     {
         device->StimulationBegin(Request(1 + static_cast<std::uint32_t>(i) % 3, 1.0, 2));

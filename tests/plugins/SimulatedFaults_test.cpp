@@ -92,11 +92,13 @@ TEST(SimulatedFaults, ADeafDeviceRefusesAbortsForAWhile)
         std::async(std::launch::async, [&] { return device->StimulationBegin(Request(2, longMs)); });
     ASSERT_TRUE(Eventually([] { return !CQsJournal::LitDevices().empty(); }));
     bool refused = false;
-    ASSERT_TRUE(Eventually([&] {
-        const bool done = device->StimulationAbort() == 0;
-        refused = refused || !done;
-        return done;
-    }));
+    ASSERT_TRUE(Eventually(
+        [&]
+        {
+            const bool done = device->StimulationAbort() == 0;
+            refused = refused || !done;
+            return done;
+        }));
     EXPECT_EQ(0, begun.get());
     const std::vector<SPulse> pulses = Pulses("G");
     ASSERT_EQ(1u, pulses.size());

@@ -20,8 +20,8 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr double longMs = 60000.0;       // of a movement or hang that the test must cut short
-constexpr double generousMs = 20000.0;   // for anything that should be done at once
+constexpr double longMs = 60000.0;     // of a movement or hang that the test must cut short
+constexpr double generousMs = 20000.0; // for anything that should be done at once
 
 SShutterSetup Shutter(std::uint32_t id, const std::string& name)
 {
@@ -68,9 +68,9 @@ bool Eventually(Condition condition)
 bool HasFault(const std::string& text)
 {
     const std::vector<SJournalEntry> entries = CQsJournal::Entries();
-    return std::any_of(entries.begin(), entries.end(), [&](const SJournalEntry& entry) {
-        return entry.kind == EJournalKind::Fault && entry.text.find(text) != std::string::npos;
-    });
+    return std::any_of(entries.begin(), entries.end(),
+                       [&](const SJournalEntry& entry)
+                       { return entry.kind == EJournalKind::Fault && entry.text.find(text) != std::string::npos; });
 }
 
 std::vector<SJournalEntry> Lights()
@@ -212,9 +212,8 @@ TEST(Shutter, WritesCallLightAndReturnInThisOrder)
     }
     EXPECT_THAT(lines,
                 ElementsAre("call Shutter_SetState(open, false, true)", "on",
-                            "return Shutter_SetState(open, false, true)",
-                            "call Shutter_SetState(close, false, true)", "off",
-                            "return Shutter_SetState(close, false, true)"));
+                            "return Shutter_SetState(open, false, true)", "call Shutter_SetState(close, false, true)",
+                            "off", "return Shutter_SetState(close, false, true)"));
 }
 
 TEST(Shutter, OfNoLightMovesInTheDark)
@@ -527,15 +526,17 @@ TEST(Shutter, EndsAsTheLastCommandSaysWhateverTheThreadsDo)
     constexpr int commands = 200;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
-        threads.emplace_back([t] {
-            for (int i = 0; i < commands; ++i)
+        threads.emplace_back(
+            [t]
             {
-                const std::uint32_t id = t < 2 ? 1 : 2;
-                DMApi::Shutter_SetState(id, i % 2 == 0, false, i % 7 != 0);
-                CQsDeviceManager::IsShutterOpen(id);
-                DMApi::Shutter_GetIndex(id);
-            }
-        });
+                for (int i = 0; i < commands; ++i)
+                {
+                    const std::uint32_t id = t < 2 ? 1 : 2;
+                    DMApi::Shutter_SetState(id, i % 2 == 0, false, i % 7 != 0);
+                    CQsDeviceManager::IsShutterOpen(id);
+                    DMApi::Shutter_GetIndex(id);
+                }
+            });
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_TRUE(Close(1));

@@ -107,14 +107,16 @@ TEST(Journal, LosesNothingOfManyThreads)
     constexpr int switches = 500;
     std::vector<std::thread> threads;
     for (int t = 0; t < threadCount; ++t)
-        threads.emplace_back([t] {
-            const std::string device = "Device " + std::to_string(t);
-            for (int i = 0; i < switches; ++i)
+        threads.emplace_back(
+            [t]
             {
-                CQsJournal::LightOn(device);
-                CQsJournal::LightOff(device);
-            }
-        });
+                const std::string device = "Device " + std::to_string(t);
+                for (int i = 0; i < switches; ++i)
+                {
+                    CQsJournal::LightOn(device);
+                    CQsJournal::LightOff(device);
+                }
+            });
     for (std::thread& thread : threads)
         thread.join();
 

@@ -302,7 +302,8 @@ TEST(Rig, NamesBytesThatAreNoText)
 TEST(Rig, NamesNestingThatIsTooDeep)
 {
     // The rig, its list, the device and its settings are four levels.
-    const auto settings = [](std::size_t depth) {
+    const auto settings = [](std::size_t depth)
+    {
         return "\"devices\": [{\"class\": \"A\", \"settings\":\n{\"a\": " + std::string(depth, '[') +
                std::string(depth, ']') + "}}]";
     };

@@ -239,10 +239,12 @@ private:
         // Aborts are repeated, since one that comes before the device waits is lost.
         constexpr std::chrono::milliseconds duration(3000);
         const Clock::time_point begun = Clock::now();
-        auto begin = std::async(std::launch::async, [&] {
-            device->StimulationBegin(Request(2, static_cast<double>(duration.count())));
-            return Clock::now();
-        });
+        auto begin = std::async(std::launch::async,
+                                [&]
+                                {
+                                    device->StimulationBegin(Request(2, static_cast<double>(duration.count())));
+                                    return Clock::now();
+                                });
         while (begin.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready &&
                Clock::now() - begun < std::chrono::minutes(1))
             device->StimulationAbort();

@@ -14,8 +14,8 @@ namespace QsTest {
 
 struct SConformance
 {
-    std::string name;                 // for messages and test names: letters and digits
-    std::function<DevicePtr()> make;  // a fresh device
+    std::string name;                // for messages and test names: letters and digits
+    std::function<DevicePtr()> make; // a fresh device
     // Promises that not every device makes.
     bool bRefusesUnknownKinds = false; // begin answers an unknown kind with a status
     bool bWaitsTimed = false;          // a begin of kind 2 blocks for the duration, and an abort ends it

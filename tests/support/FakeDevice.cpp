@@ -54,9 +54,9 @@ void CCallLog::Clear()
 bool CCallLog::WaitFor(const std::string& entry, std::size_t count, std::chrono::milliseconds patience) const
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_until(lock, std::chrono::steady_clock::now() + patience, [&] {
-        return static_cast<std::size_t>(std::count(m_entries.begin(), m_entries.end(), entry)) >= count;
-    });
+    return m_changed.wait_until(
+        lock, std::chrono::steady_clock::now() + patience,
+        [&] { return static_cast<std::size_t>(std::count(m_entries.begin(), m_entries.end(), entry)) >= count; });
 }
 
 // ------------------------------------------------------------------------------------------------------- fake device

@@ -100,7 +100,7 @@ public:
     std::atomic<unsigned> uiAreaCount{0};
     std::atomic<double> dCombinedExposure{0.0};
     std::atomic<double> dAcquisitionExposure{0.0};
-    SQsStimulationDeviceInfo info; // appended by GetStimulationDeviceInfo
+    SQsStimulationDeviceInfo info;   // appended by GetStimulationDeviceInfo
     std::atomic<int> iInfoResult{0}; // when it is not 0, nothing is appended
     std::vector<unsigned> supportedFeatures;
     std::vector<unsigned> enabledFeatures;
@@ -119,7 +119,7 @@ public:
     // --- a begin that waits for StimulationAbort or ReleaseBegin before it returns
     std::atomic<bool> bBeginBlocks{false};
     std::atomic<bool> bAbortEndsBegin{true}; // false: a device that does not hear the abort
-    void ReleaseBegin();                      // lets the waiting and every later begin go on
+    void ReleaseBegin();                     // lets the waiting and every later begin go on
 
     // --- hooks, run after the call was logged and without a lock; a hook's result is the call's. They may throw.
     std::function<int(const SQsStimulationType&)> onBegin; // instead of the wait

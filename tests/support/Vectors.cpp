@@ -12,7 +12,8 @@ namespace {
 
 const rapidjson::Document& File()
 {
-    static const rapidjson::Document document = [] {
+    static const rapidjson::Document document = []
+    {
         std::ifstream stream(QS_VECTORS, std::ios::binary);
         const std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
         rapidjson::Document parsed;
