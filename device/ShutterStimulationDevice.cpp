@@ -162,14 +162,14 @@ int CQsShutterStimulationDevice::StimulationBegin(const SQsStimulationType& type
     switch (type.uiType)
     {
     case eStimContinuous:
-        m_eState = eContinuous;
-        m_dBeginTime = QS_GetTimeCounter();
+        m_eState.store(eContinuous, std::memory_order_release);
+        m_dBeginTime.store(QS_GetTimeCounter(), std::memory_order_release);
         SetShutter(true);
         return QS_OK;
 
     case eStimTimed:
-        m_eState = eTimed;
-        m_dBeginTime = QS_GetTimeCounter();
+        m_eState.store(eTimed, std::memory_order_release);
+        m_dBeginTime.store(QS_GetTimeCounter(), std::memory_order_release);
         SetShutter(true);
         // Only now, since an abort of an earlier stimulation may have left the event signalled. An abort between the
         // opening and here closes the shutter but does not end the wait, and one before the opening does neither: who
