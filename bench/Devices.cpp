@@ -58,12 +58,17 @@ private:
 class CStartDevice : public CNamedDevice
 {
 public:
-    explicit CStartDevice(double& dBeginNs) : CNamedDevice(L"Starts"), m_dBeginNs(dBeginNs) {}
+    CStartDevice(CQsStringW name, double& dBeginNs, std::function<void()> work)
+        : CNamedDevice(std::move(name)), m_dBeginNs(dBeginNs), m_work(std::move(work))
+    {}
     unsigned StimulationModeGet() override { return 3; }
     unsigned StimulationAreaGetCount() override { return 0; }
+    int StimulationReady(bool, bool) override { return QS_OK; }
     int StimulationBegin(const SQsStimulationType&) override
     {
         m_dBeginNs = NowNs();
+        if (m_work)
+            m_work();
         return QS_OK;
     }
     int StimulationEnd(double*, double*, std::uint64_t) override { return QS_OK; }
@@ -71,6 +76,7 @@ public:
 
 private:
     double& m_dBeginNs;
+    std::function<void()> m_work;
 };
 
 } // namespace
@@ -138,7 +144,15 @@ std::unique_ptr<IQsStimulationDevice> MakeFireDevice(SFireRecord& record, double
 
 std::unique_ptr<IQsStimulationDevice> MakeStartDevice(double& dBeginNs)
 {
-    return std::make_unique<CStartDevice>(dBeginNs);
+    return std::make_unique<CStartDevice>(L"Starts", dBeginNs, nullptr);
+}
+
+std::unique_ptr<IQsStimulationDevice> MakeWorkDevice(unsigned logDevId, double& dBeginNs, std::function<void()> work)
+{
+    auto device = std::make_unique<CStartDevice>(CQsStringW::Format(L"Works_%d", static_cast<int>(logDevId)), dBeginNs,
+                                                 std::move(work));
+    device->SetLogDevId(logDevId);
+    return device;
 }
 
 std::unique_ptr<IQsStimulationDevice> MakeNamedDevice(const CQsStringW& name, unsigned logDevId)

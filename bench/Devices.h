@@ -3,6 +3,7 @@
 
 #include "manager/StimulationManager.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -53,6 +54,9 @@ std::unique_ptr<IQsStimulationDevice> MakeFireDevice(SFireRecord& record, double
 
 // Takes the time at which its begin is entered.
 std::unique_ptr<IQsStimulationDevice> MakeStartDevice(double& dBeginNs);
+
+// The same with an identity, and with `work` to do in its begin. It is ready.
+std::unique_ptr<IQsStimulationDevice> MakeWorkDevice(unsigned logDevId, double& dBeginNs, std::function<void()> work);
 
 // A device that has a name and, when `logDevId` is not 0, an identity.
 std::unique_ptr<IQsStimulationDevice> MakeNamedDevice(const CQsStringW& name, unsigned logDevId);

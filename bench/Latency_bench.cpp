@@ -17,12 +17,6 @@ namespace {
 
 using namespace QsBench;
 
-// Before the next sample: a thread that has ended gives its stack back, and one that begins to wait falls asleep.
-void Settle()
-{
-    std::this_thread::sleep_for(std::chrono::microseconds(300));
-}
-
 // ----------------------------------------------------------------------------------------------------------- start
 
 // A bare thread that takes the time of its first instruction and says that it has.

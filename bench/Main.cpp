@@ -40,14 +40,24 @@ public:
     }
     void Finalize() override
     {
-        std::printf("%-52s| %-38s| %11s | %11s | %6s | %5s | reached\n", "what", "limit", "ours", "limit", "ratio",
+        std::printf("%-56s| %-38s| %11s | %11s | %6s | %5s | reached\n", "what", "limit", "ours", "limit", "ratio",
                     "reach");
         for (const SRow& row : Rows())
         {
-            std::printf("%-52s| %-38s| %8.1f %-2s | %8.1f %-2s | %6.2f | %5.1f | %s\n", row.what.c_str(),
-                        row.limit.c_str(), row.dOurs, row.unit.c_str(), row.dLimit, row.unit.c_str(), row.Ratio(),
-                        row.dReach, row.IsReached() ? "yes" : "no");
+            std::printf("%-56s| %-38s| %s | %s | %6.2f | %5.2f | %s\n", row.what.c_str(), row.limit.c_str(),
+                        Text(row.dOurs, row.unit).c_str(), Text(row.dLimit, row.unit).c_str(), row.Ratio(), row.dReach,
+                        row.IsReached() ? "yes" : "no");
         }
+    }
+
+private:
+    // Times from a tenth of a millisecond up are printed in microseconds.
+    static std::string Text(double value, const std::string& unit)
+    {
+        const bool bLong = unit == "ns" && value >= 1e5;
+        char text[32];
+        std::snprintf(text, sizeof(text), "%8.1f %-2s", bLong ? value / 1e3 : value, bLong ? "us" : unit.c_str());
+        return text;
     }
 };
 

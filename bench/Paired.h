@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace QsBench {
@@ -42,6 +43,12 @@ inline double Median(const std::vector<double>& values)
 inline double NowNs()
 {
     return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Before the next sample: a thread that has ended gives its stack back, and one that begins to wait falls asleep.
+inline void Settle()
+{
+    std::this_thread::sleep_for(std::chrono::microseconds(300));
 }
 
 // Time of `count` operations, for each one [ns].

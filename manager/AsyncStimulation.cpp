@@ -61,28 +61,10 @@ struct STimes
     unsigned count = 0;
 };
 
-// Status of a call into the device; `bThrew` when it ended with an exception.
-struct SOutcome
+// Whatever happened before it, a stimulation that may have begun is ended.
+SQsCallOutcome End(IQsStimulationDevice& device, STimes& times)
 {
-    int status = QS_ERR_FAIL;
-    bool bThrew = true;
-};
-
-template <class Call>
-SOutcome Try(const wchar_t* operation, int line, Call call)
-{
-    return QsCallOr(SOutcome(), operation, line, [&] { return SOutcome{call(), false}; });
-}
-
-// Whatever happened before it, a stimulation that may have begun is ended; where the end itself throws, the abort is
-// what is left to put the light out.
-SOutcome End(IQsStimulationDevice& device, STimes& times)
-{
-    const SOutcome end = Try(L"StimulationEnd", __LINE__,
-                             [&] { return device.StimulationEnd(times.begin.get(), times.end.get(), times.count); });
-    if (end.bThrew)
-        Try(L"StimulationAbort", __LINE__, [&] { return device.StimulationAbort(); });
-    return end;
+    return QsEndStimulation(device, times.begin.get(), times.end.get(), times.count);
 }
 
 // Reports what the end says; what the begin says is not looked at, unless it throws.
@@ -90,8 +72,8 @@ int RunSingleShot(IQsStimulationDevice& device, const SQsStimulationType& reques
 {
     if (!times.Allocate(1))
         return QS_ERR_FAIL;
-    const SOutcome begin = Try(L"StimulationBegin", __LINE__, [&] { return device.StimulationBegin(request); });
-    const SOutcome end = End(device, times);
+    const SQsCallOutcome begin = QsTry(L"StimulationBegin", __LINE__, [&] { return device.StimulationBegin(request); });
+    const SQsCallOutcome end = End(device, times);
     return begin.bThrew ? QS_ERR_FAIL : end.status;
 }
 
@@ -113,22 +95,22 @@ int RunRepeatedPatterns(IQsStimulationDevice& device, const SQsStimulationType& 
     shots.uiGroupMask = request.uiGroupMask;
     shots.dReserved = request.dReserved;
 
-    const SOutcome shooting = Try(L"StimulationBegin or StimulationFire", __LINE__,
-                                  [&]
-                                  {
-                                      int status = device.StimulationBegin(shots);
-                                      const double t0 = QS_GetTimeCounter();
-                                      double now = t0;
-                                      // Back to back, without a pause.
-                                      for (unsigned left = times.count;
-                                           status == QS_OK && left != 0 && request.dDurationMs > now - t0; --left)
-                                      {
-                                          status = device.StimulationFire(shots, nullptr, nullptr);
-                                          now = QS_GetTimeCounter();
-                                      }
-                                      return status;
-                                  });
-    const SOutcome end = End(device, times);
+    const SQsCallOutcome shooting = QsTry(
+        L"StimulationBegin or StimulationFire", __LINE__,
+        [&]
+        {
+            int status = device.StimulationBegin(shots);
+            const double t0 = QS_GetTimeCounter();
+            double now = t0;
+            // Back to back, without a pause.
+            for (unsigned left = times.count; status == QS_OK && left != 0 && request.dDurationMs > now - t0; --left)
+            {
+                status = device.StimulationFire(shots, nullptr, nullptr);
+                now = QS_GetTimeCounter();
+            }
+            return status;
+        });
+    const SQsCallOutcome end = End(device, times);
     return end.bThrew ? QS_ERR_FAIL : shooting.status;
 }
 
@@ -168,9 +150,8 @@ int CQsStimulationDeviceManager::StimulateTimedWithActiveAsync(const SQsStimulat
 IQsStimulationDevice* CQsStimulationDeviceManager::DeviceForStimulation()
 {
     const CQsScopedLock<CQsRegistryLock> lock(m_lockR);
-    if (DeviceDBApi::IsInitialized())
-        return ReferencedBeampathDevice(GetActiveStimulationBeampathId());
-    IQsStimulationDevice* const device = GetActive();
+    IQsStimulationDevice* const device =
+        DeviceDBApi::IsInitialized() ? GetAggregatorForBeampath(GetActiveStimulationBeampathId()) : GetActive();
     CQsRTTI::AddRef(device);
     return device;
 }
@@ -188,6 +169,7 @@ void* CQsStimulationDeviceManager::StimulateTimedAsyncThreadProc(void* pManager)
     if (device == nullptr)
         return nullptr;
 
+    manager.SetRunningDevice(device);
     const SQsStimulationType& request = *manager.m_pRequest;
     const StimulationFinishFunction finish = manager.m_pFinish;
     void* const user = manager.m_pUser;
@@ -203,6 +185,7 @@ void* CQsStimulationDeviceManager::StimulateTimedAsyncThreadProc(void* pManager)
                      return 0;
                  });
     times.Drop();
+    manager.SetRunningDevice(nullptr);
     // Before the manager counts as idle: from then on an owner may destroy a device that is not reference counted.
     CQsRTTI::Release(device);
 
@@ -237,7 +220,7 @@ int CQsStimulationDeviceManager::WaitForStimulationEnd(unsigned timeoutMs, bool 
         const bool bAwaitsCaller = CQsRegistryLock::WorkerRun() == run || CQsRegistryLock::IsAnnouncingThread();
         bool bEnded = false;
         {
-            const CQsRegistryLock::CParked parked(m_lockR, run);
+            const CQsRegistryLock::CParked parked(m_lockR, {run, {}});
             bEnded = pthreadCancelableTimedWait(hThread, bAwaitsCaller ? 0 : timeoutMs) == 0;
         }
         if (bEnded)
@@ -251,30 +234,79 @@ int CQsStimulationDeviceManager::WaitForStimulationEnd(unsigned timeoutMs, bool 
     return QS_OK;
 }
 
+void CQsStimulationDeviceManager::SetRunningDevice(IQsStimulationDevice* device)
+{
+    const CQsScopedLock<CQsThreadsMutex> lock(m_lockS);
+    m_pRunningDevice = device;
+}
+
+// With one more reference; null when nothing runs.
+IQsStimulationDevice* CQsStimulationDeviceManager::ReferencedRunningDevice()
+{
+    const CQsScopedLock<CQsThreadsMutex> lock(m_lockS);
+    CQsRTTI::AddRef(m_pRunningDevice);
+    return m_pRunningDevice;
+}
+
+// The abort takes no lock that a rebuild of the beampaths, or another operation that waits, may hold. In database mode
+// what runs may be another device than the active one, which the host may have changed since: that light goes out too.
+int CQsStimulationDeviceManager::Abort(IQsStimulationDevice* active)
+{
+    const auto abort = [](IQsStimulationDevice* device)
+    { return QsCallOr(QS_ERR_FAIL, L"StimulationAbort", __LINE__, [device] { return device->StimulationAbort(); }); };
+
+    IQsStimulationDevice* const running = m_bDatabaseMode ? ReferencedRunningDevice() : nullptr;
+    const int result = active != nullptr ? abort(active) : statusNoBeampath;
+    if (running != nullptr && running != active)
+        abort(running);
+    CQsRTTI::Release(running);
+    return result;
+}
+
 void CQsStimulationDeviceManager::AbortActiveDevice(CQsRegistryLock::Run run)
 {
     IQsStimulationDevice* device = nullptr;
+    if (m_bDatabaseMode)
+        device = ReferencedBeampathDevice(GetActiveStimulationBeampathId());
+    else
     {
         const CQsScopedLock<CQsRegistryLock> lock(m_lockR);
-        device = GetActive();
+        device = ActiveEntryDevice();
         CQsRTTI::AddRef(device);
     }
-    if (device == nullptr)
-        return;
     {
         // The worker may need R to get to where the abort reaches it.
-        const CQsRegistryLock::CParked parked(m_lockR, run);
-        QsCallOr(QS_ERR_FAIL, L"StimulationAbort", __LINE__, [device] { return device->StimulationAbort(); });
+        const CQsRegistryLock::CParked parked(m_lockR, {run, {}});
+        Abort(device);
     }
     CQsRTTI::Release(device);
 }
 
 int CQsStimulationDeviceManager::StimulationAbort()
 {
-    IQsStimulationDevice* const device = ReferencedBeampathDevice(GetActiveStimulationBeampathId());
-    if (device == nullptr)
-        return statusNoBeampath;
-    const int result = device->StimulationAbort();
+    const qs_int32 id = GetActiveStimulationBeampathId();
+    IQsStimulationDevice* device = ReferencedBeampathDevice(id);
+    if (device == nullptr && m_bDatabaseMode && !IsStimulating())
+    {
+        // Nothing that the abort could be too late for: the beampath may only not have been built yet.
+        const CQsScopedLock<CQsRegistryLock> lock(m_lockR);
+        device = GetAggregatorForBeampath(id);
+        CQsRTTI::AddRef(device);
+    }
+    const int result = Abort(device);
     CQsRTTI::Release(device);
     return result;
+}
+
+bool CQsStimulationDeviceManager::IsStimulating()
+{
+    const CQsScopedLock<CQsThreadsMutex> lock(m_lockS);
+    return m_pRunningDevice != nullptr;
+}
+
+void CQsStimulationDeviceManager::LendRegistryWhile(const CQsRegistryLock::SAwaited& awaited,
+                                                    const std::function<void()>& wait)
+{
+    const CQsRegistryLock::CParked parked(m_lockR, awaited);
+    wait();
 }

@@ -1,7 +1,7 @@
 // Calls into devices and host functions that may break their promise not to throw.
 #pragma once
 
-#include "host/QsSystem.h"
+#include "device/StimulationDevice.h"
 
 #include <exception>
 
@@ -23,4 +23,28 @@ Result QsCallOr(Result failed, const wchar_t* operation, int line, Call call) no
         DiagOutputExW(L"StimulationManager", line, text, operation, "not a standard exception");
     }
     return failed;
+}
+
+// Status of a call; `bThrew` when it ended with an exception.
+struct SQsCallOutcome
+{
+    int status = QS_ERR_FAIL;
+    bool bThrew = true;
+};
+
+template <class Call>
+SQsCallOutcome QsTry(const wchar_t* operation, int line, Call call) noexcept
+{
+    return QsCallOr(SQsCallOutcome(), operation, line, [&] { return SQsCallOutcome{call(), false}; });
+}
+
+// Ends the device's stimulation; where the end throws, the abort is what is left to put the light out.
+inline SQsCallOutcome QsEndStimulation(IQsStimulationDevice& device, double* pdBeginTimes, double* pdEndTimes,
+                                       std::uint64_t count) noexcept
+{
+    const SQsCallOutcome end =
+        QsTry(L"StimulationEnd", __LINE__, [&] { return device.StimulationEnd(pdBeginTimes, pdEndTimes, count); });
+    if (end.bThrew)
+        QsTry(L"StimulationAbort", __LINE__, [&] { return device.StimulationAbort(); });
+    return end;
 }

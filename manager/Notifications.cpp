@@ -68,16 +68,5 @@ void CQsStimulationDeviceManager::UnregisterStimulationDeviceManagerEventListene
 
 int CQsStimulationDeviceManager::NotifyStimulationDeviceManagerEventListeners()
 {
-    int result = 0;
-    for (IQsStimulationDeviceManagerEventListener* const listener : m_listeners.Snapshot())
-    {
-        // Whom an earlier listener unregistered may be gone.
-        if (!m_listeners.Contains(listener))
-            continue;
-        // Asked twice on purpose: the comparison and the kept value are two calls, and listeners rely on both. The
-        // second answer is the result also when it is better.
-        if (listener->AvailableStimulationDevicesChanged() < result && m_listeners.Contains(listener))
-            result = listener->AvailableStimulationDevicesChanged();
-    }
-    return result;
+    return m_listeners.Notify();
 }

@@ -131,7 +131,7 @@ CQsStimulationDeviceManager::CQsStimulationDeviceManager() : m_bDatabaseMode(Dev
     SetActiveStimulationBPId(-1);
     OpenUserKey();
     m_active = m_devices.end();
-    m_bBeampathsDirty = true;
+    SetStimulationBeampathsDirty();
     RefreshRegOptions();
 }
 
@@ -456,6 +456,16 @@ int CQsStimulationDeviceManager::GetStimulationDevicesForPhysDevId(unsigned id,
 {
     const CQsScopedLock<CQsMutex> lock(m_lockIds);
     return DevicesForId(m_devicesByPhysDevId, id, devices);
+}
+
+int CQsStimulationDeviceManager::GetReferencedDevicesForLogDevId(unsigned id, std::set<IQsStimulationDevice*>& devices)
+{
+    // A device leaves the lookup before the manager gives back its reference.
+    const CQsScopedLock<CQsMutex> lock(m_lockIds);
+    const int result = DevicesForId(m_devicesByLogDevId, id, devices);
+    for (IQsStimulationDevice* const device : devices)
+        CQsRTTI::AddRef(device);
+    return result;
 }
 
 // Asks in ascending order of ids, and after the lock: a device may announce its state, which takes R.

@@ -1,6 +1,7 @@
 #include "manager/RegistryLock.h"
 
 #include <algorithm>
+#include <atomic>
 
 namespace {
 
@@ -22,6 +23,12 @@ CQsRegistryLock::CWorkerScope::~CWorkerScope()
 CQsRegistryLock::Run CQsRegistryLock::WorkerRun()
 {
     return t_run;
+}
+
+CQsRegistryLock::Run CQsRegistryLock::RunOfCaller()
+{
+    static std::atomic<Run> next{Run{1} << 63}; // stimulations count from 1
+    return t_run != 0 ? t_run : ++next;
 }
 
 CQsRegistryLock::CStateAnnouncement::CStateAnnouncement(CQsRegistryLock& lock) : m_lock(lock)
@@ -48,7 +55,15 @@ void CQsRegistryLock::lock()
 
 bool CQsRegistryLock::IsLent(const SHolder& holder, bool bAnnouncement) const
 {
-    return holder.parking.depth == holder.depth && (bAnnouncement || (t_run != 0 && holder.parking.awaited == t_run));
+    if (!holder.IsParked())
+        return false;
+    // All waits of the innermost hold: who aborts devices while it waits for a stimulation waits for both.
+    const auto isForThisThread = [&holder](const SParking& parking)
+    {
+        return parking.depth == holder.depth &&
+               ((t_run != 0 && parking.awaited.run == t_run) || parking.awaited.thread == std::this_thread::get_id());
+    };
+    return bAnnouncement || std::any_of(holder.parkings.begin(), holder.parkings.end(), isForThisThread);
 }
 
 void CQsRegistryLock::Acquire(bool bAnnouncement)
@@ -85,33 +100,31 @@ void CQsRegistryLock::unlock()
             last.changeDepth = 0;
         if (last.depth == 0)
             m_holders.pop_back();
-        else if (last.depth != last.parking.depth)
+        else if (!last.IsParked())
             return; // still held, and by nobody who waits
     }
     m_changed.notify_all();
 }
 
-std::optional<CQsRegistryLock::SParking> CQsRegistryLock::Park(Run awaited)
+bool CQsRegistryLock::Park(const SAwaited& awaited)
 {
-    SParking previous;
     {
         const std::lock_guard<std::mutex> guard(m_mutex);
         if (m_holders.empty() || m_holders.back().thread != std::this_thread::get_id())
-            return std::nullopt;
+            return false;
         SHolder& last = m_holders.back();
-        previous = last.parking;
-        last.parking = {last.depth, awaited};
+        last.parkings.push_back({last.depth, awaited});
     }
     m_changed.notify_all();
-    return previous;
+    return true;
 }
 
-void CQsRegistryLock::Unpark(const SParking& previous)
+void CQsRegistryLock::Unpark()
 {
     const std::thread::id self = std::this_thread::get_id();
     std::unique_lock<std::mutex> guard(m_mutex);
     m_changed.wait(guard, [&] { return m_holders.back().thread == self; });
-    m_holders.back().parking = previous;
+    m_holders.back().parkings.pop_back();
 }
 
 void CQsRegistryLock::BeginChange()

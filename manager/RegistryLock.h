@@ -3,7 +3,7 @@
 // Operations that change the registry hold R while they wait for the stimulation's worker, and the worker needs R
 // itself: to choose its device, and for whatever the device or the finish function asks of the manager. So an owner
 // that waits parks its hold, and while it is parked
-//   - the worker that it waits for may take R, and
+//   - who it waits for may take R: the worker and the threads that work for it, or one thread; and
 //   - any thread may take R to announce a device's state, since a device may be unable to end before its own thread has
 //     delivered that announcement.
 // Every other thread waits as if R were held; so does the worker of a stimulation that starts meanwhile, which
@@ -20,7 +20,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
-#include <optional>
 #include <thread>
 #include <vector>
 
@@ -47,29 +46,32 @@ public:
     // Number of a stimulation; 0 is none.
     using Run = std::uint64_t;
 
-    struct SParking
+    // Whom a holder waits for: the threads that work for a stimulation, or one thread.
+    struct SAwaited
     {
-        unsigned depth = 0; // at which the holder waits; 0 while it runs
-        Run awaited = 0;
+        SAwaited(Run r = 0, std::thread::id t = {}) : run(r), thread(t) {}
+
+        Run run;
+        std::thread::id thread;
     };
 
-    // Parks the calling thread's hold for the lifetime of the object, while it waits for the stimulation `awaited`;
-    // nothing when the thread is not the last holder.
+    // Parks the calling thread's hold for the lifetime of the object, while it waits; nothing when the thread is not
+    // the last holder.
     class CParked
     {
     public:
-        CParked(CQsRegistryLock& lock, Run awaited) : m_lock(lock), m_previous(lock.Park(awaited)) {}
+        CParked(CQsRegistryLock& lock, const SAwaited& awaited) : m_lock(lock), m_bParked(lock.Park(awaited)) {}
         ~CParked()
         {
-            if (m_previous)
-                m_lock.Unpark(*m_previous);
+            if (m_bParked)
+                m_lock.Unpark();
         }
         CParked(const CParked&) = delete;
         CParked& operator=(const CParked&) = delete;
 
     private:
         CQsRegistryLock& m_lock;
-        const std::optional<SParking> m_previous;
+        const bool m_bParked;
     };
 
     // Says that the calling thread changes the registry from now on, until it leaves the hold that it has now. Nothing
@@ -77,7 +79,7 @@ public:
     void BeginChange();
     bool IsChanging();
 
-    // Marks the calling thread as the worker of that stimulation for the lifetime of the object.
+    // Marks the calling thread as working for that stimulation for the lifetime of the object.
     class CWorkerScope
     {
     public:
@@ -86,23 +88,33 @@ public:
         CWorkerScope(const CWorkerScope&) = delete;
         CWorkerScope& operator=(const CWorkerScope&) = delete;
     };
-    static Run WorkerRun();           // of the calling thread; 0 when it is no worker
+    static Run WorkerRun(); // of the calling thread; 0 when it works for none
+    // What further threads work for that the calling one has something done by: its own stimulation, or, where it works
+    // for none, a new number that is no stimulation's.
+    static Run RunOfCaller();
     static bool IsAnnouncingThread(); // inside a CStateAnnouncement
 
 private:
+    struct SParking
+    {
+        unsigned depth = 0; // at which the holder waits
+        SAwaited awaited;
+    };
+
     struct SHolder
     {
+        bool IsParked() const { return !parkings.empty() && parkings.back().depth == depth; }
+
         std::thread::id thread;
         unsigned depth = 0;
-        SParking parking;
+        // Innermost last. They nest: a thread that waits aborts devices meanwhile, and waits for those too.
+        std::vector<SParking> parkings;
         unsigned changeDepth = 0; // depth at which it began to change the registry; 0 when it does not
     };
 
     void Acquire(bool bAnnouncement);
-    // Its former parking (parking nests when a device that a parked thread aborts makes that thread wait again), or
-    // nothing when the thread is not the last holder.
-    std::optional<SParking> Park(Run awaited);
-    void Unpark(const SParking& previous);
+    bool Park(const SAwaited& awaited); // false when the thread is not the last holder
+    void Unpark();
     bool IsLent(const SHolder& holder, bool bAnnouncement) const;
 
     std::mutex m_mutex;

@@ -17,6 +17,7 @@
 
 #include "device/StimulationDevice.h"
 #include "host/QsPluginManager.h"
+#include "manager/ListenerSet.h"
 #include "manager/RegistryLock.h"
 #include "manager/SnapshotSet.h"
 #include "manager/ThreadsMutex.h"
@@ -25,6 +26,7 @@
 #include "platform/Win32.h"
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -222,8 +224,9 @@ public:
     // calling `finish`, and the manager counts as running from then on. [any thread]
     int StimulateTimedWithActiveAsync(const IQsStimulationDevice::SQsStimulationType& request,
                                       StimulationFinishFunction finish, void* user);
-    // Aborts the device of the active beampath: its status, or -13 when there is none, as outside database mode. The
-    // worker ends when its device returns. [any thread]
+    // Aborts the device of the active beampath: its status, or -13 when there is none, as outside database mode. A
+    // stimulation that runs on another device is aborted too. The worker ends when its device returns. Waits for no
+    // other operation while a stimulation runs. [any thread]
     int StimulationAbort();
 
     // --- update (Update.cpp)
@@ -235,11 +238,59 @@ public:
     int Update();
 
     // --- beampaths (Beampaths.cpp)
+    //
+    // In database mode there is one device (CQsStimulationDeviceAggregator) for each stimulation beampath that is
+    // switched on in the current hardware configuration. The beampaths are marked dirty when the manager is made and by
+    // Update, and rebuilt by the next lookup, on its thread. A device that a lookup hands out is the manager's: a
+    // rebuild that no longer finds its beampath releases it.
 
-    void SetStimulationBeampathsDirty();  // the next lookup rebuilds the beampaths [any thread]
-    int GetActiveStimulationBeampathId(); // -1 when there is none [any thread]
-    // Device of the beampath; null when there is none, as always outside database mode. [any thread]
-    IQsStimulationDevice* GetStimulationDeviceInterfaceForBeampath(int beampathId);
+    void SetStimulationBeampathsDirty(); // the next lookup rebuilds the beampaths [any thread]
+    // Rebuilds the beampaths when they are dirty, tells the listeners and fires 4. -8 outside database mode; 0 when
+    // there was nothing to do; -9 when it ran, also when it succeeded: the caller of a lookup by name learns that way
+    // that what it knew of beampaths is out of date. Without a connection, or when the query fails, the names are
+    // empty, the devices are kept, and the beampaths stay dirty. [any thread, holds R]
+    qs_int32 UpdateStimulationBeampaths();
+    qs_int32 UpdateStimulationBeampathsIfNecessary(); // the same [any thread, holds R]
+
+    unsigned GetStimulationBeampathCount(); // beampaths, also those without a device; refreshes [any thread, takes R]
+    unsigned GetStimulationBPCount();       // the same as it stands, without a refresh [any thread]
+    // 0 for the empty name, -1 for an unknown one. [any thread, takes R]
+    qs_int32 GetStimulationBeampathIdByName(CQsStringW name);
+    // Device of the beampath; null when there is none, as always outside database mode. [any thread, takes R]
+    IQsStimulationDevice* GetStimulationDeviceInterfaceForBeampath(qs_int32 id);
+    // The same by name; null, too, when the beampaths were dirty: the next call has the answer. [any thread, takes R]
+    IQsStimulationDevice* GetStimulationDeviceInterfaceForBeampath(CQsStringW name);
+
+    // --- optical configurations (Beampaths.cpp)
+    //
+    // The name of an optical configuration (OC) is a beampath's name and a configuration's, joined by a colon; the part
+    // before the first colon names the beampath.
+
+    // Chooses what is stimulated with. 0: the beampath of that name is active, or the database could not be asked and
+    // the id is the old one. -12 outside database mode, nothing changed. -9: there is no such beampath, the query
+    // failed, or the text has no colon, which logs a line; or it is empty, which does not; then no beampath is active.
+    // Fires 64 when the active beampath changed, then, with 0 only, 32 and 2 when the text did. [any thread]
+    qs_int32 SetStimulationOC(CQsStringW name);
+    CQsStringW GetStimulationOC();                 // [any thread]
+    CQsStringW GetActiveStimulationOC();           // the same [any thread]
+    CQsStringW GetActiveStimulationBeampathName(); // [any thread]
+    qs_int32 GetActiveStimulationBeampathId();     // -1 when there is none [any thread]
+
+    // Keeps the text. 0; -9 for the empty one. The id that belongs to it is not looked up. [any thread]
+    qs_int32 SetSystemActiveStimulationOC(CQsStringW name);
+    CQsStringW GetSystemActiveStimulationOC(); // [any thread]
+    qs_int32 GetSystemActiveStimulationBPId(); // -1 [any thread]
+    void SetBackupSystemOC(CQsStringW name);   // kept for the host [any thread]
+    CQsStringW GetBackupSystemOC();            // [any thread]
+
+    // --- for the devices of the beampaths
+
+    // As GetStimulationDevicesForLogDevId, each device with one more reference, taken before anybody can drop it.
+    // [any thread]
+    int GetReferencedDevicesForLogDevId(unsigned id, std::set<IQsStimulationDevice*>& devices);
+    // Runs `wait`, which waits for a device and ends holding no lock that it did not begin with. Where the calling thread
+    // holds R, R is lent meanwhile to whom it waits for: the device may need it to go on. [any thread]
+    void LendRegistryWhile(const CQsRegistryLock::SAwaited& awaited, const std::function<void()>& wait);
 
 private:
     friend struct CQsStimulationDeviceManagerTestAccess;
@@ -270,25 +321,52 @@ private:
     static void* StimulateTimedAsyncThreadProc(void* manager) QS_NO_THREAD_SAFETY_ANALYSIS;
     IQsStimulationDevice* DeviceForStimulation();
     int WaitForStimulationEnd(unsigned timeoutMs, bool bAbort);
+    void SetRunningDevice(IQsStimulationDevice* device);
+    IQsStimulationDevice* ReferencedRunningDevice();
+    bool IsStimulating();
+    int Abort(IQsStimulationDevice* active);
     void AbortActiveDevice(CQsRegistryLock::Run run);
 
     void FillDeviceMap() QS_REQUIRES(m_lockR);
     void InsertEntry(std::optional<SQsInfoEx> entry) QS_REQUIRES(m_lockR);
     void EmptyDeviceMap() QS_REQUIRES(m_lockR);
     void FillIdMaps() QS_REQUIRES(m_lockR);
+    void RestoreStimulationOC();
     int ActivateAfterUpdate() QS_REQUIRES(m_lockR);
     static void RegisterScriptCommand();
     static void UnregisterScriptCommand();
 
-    IQsStimulationDevice* ReferencedBeampathDevice(int beampathId);
-    void SetActiveStimulationBPId(int beampathId);
+    struct SBeampathRow
+    {
+        qs_int32 id = 0;
+        CQsStringW name;
+    };
+    static std::optional<std::vector<SBeampathRow>> QueryBeampaths();
+    void RebuildBeampaths(const std::vector<SBeampathRow>& rows) QS_REQUIRES(m_lockR);
+    static IQsStimulationDevice* CreateBeampathDevice(qs_int32 id);
+    IQsStimulationDevice* GetAggregatorForBeampath(qs_int32 id);
+    IQsStimulationDevice* GetAggregatorForBeampath(const CQsStringW& name);
+    IQsStimulationDevice* ReferencedBeampathDevice(qs_int32 id);
+    qs_int32 SetActiveStimulationBPId(qs_int32 id);
+    struct SOCLookup
+    {
+        qs_int32 status = QS_OK;
+        std::optional<qs_int32> id; // of the active beampath from now on; nothing: as it was
+    };
+    SOCLookup FindBeampathOfOC() QS_REQUIRES(m_lockOCNames);
+    qs_int32 FindSystemActiveBeampath(const CQsStringW& name) QS_REQUIRES(m_lockOCNames);
 
     // Members stand in the order in which construction and destruction rely on them.
-    CQsSnapshotSet<IQsStimulationDeviceManagerEventListener*> m_listeners;
+    CQsListenerSet m_listeners;
 
-    std::map<int, IQsStimulationDevice*> m_beampathDevices QS_GUARDED_BY(m_lockBeampath);
-    CQsRecursiveMutex m_lockBeampath;
-    std::atomic<bool> m_bBeampathsDirty{false};
+    // Each device with one reference of the manager's; null where it could not be made.
+    std::map<qs_int32, IQsStimulationDevice*> m_beampathDevices QS_GUARDED_BY(m_lockBeampath);
+    std::map<CQsStringW, qs_int32> m_beampathIdsByName QS_GUARDED_BY(m_lockBeampath);
+    CQsRecursiveMutex m_lockBeampath; // a leaf: an abort must find its device while the beampaths are being rebuilt
+    // Counts the marks; the beampaths are dirty while it differs from what the last rebuild began with.
+    std::atomic<std::uint64_t> m_beampathMarks{0};
+    std::atomic<std::uint64_t> m_beampathMarksBuilt{0};
+    bool m_bRebuilding QS_GUARDED_BY(m_lockR) = false;
 
     DeviceMap m_devices; // changed under R; read without it by the operations tagged "no lock"
     DeviceIdMap m_devicesByLogDevId QS_GUARDED_BY(m_lockIds);
@@ -297,8 +375,14 @@ private:
     DeviceMap::iterator m_active QS_GUARDED_BY(m_lockR);
     bool m_bListing = false; // Update asks the devices what they are; only its own thread, which holds R, looks at it
 
-    // Read under R: so not guarded by the OC lock, whose callbacks may take R.
-    std::atomic<int> m_activeBeampathId{0};
+    CQsStringW m_stimulationOC QS_GUARDED_BY(m_lockOCNames);
+    CQsStringW m_activeBeampathName QS_GUARDED_BY(m_lockOCNames);
+    CQsStringW m_backupSystemOC QS_GUARDED_BY(m_lockOCNames);
+    std::atomic<qs_int32> m_activeBeampathId{0}; // changed under m_lockOCNames; an abort reads it without waiting
+    CQsStringW m_systemActiveOC QS_GUARDED_BY(m_lockOCNames);
+    qs_int32 m_systemActiveBeampathId QS_GUARDED_BY(m_lockOCNames) = -1;
+    // A leaf, and not the lock below: Update sets the OC while it holds R, and OC-command callbacks may take R.
+    CQsRecursiveMutex m_lockOCNames;
     CQsRecursiveMutex m_lockOC; // held while OC-command callbacks run
 
     std::vector<CQsStringW> m_mru QS_GUARDED_BY(m_lockMru); // most recent first; not cut in memory
@@ -323,7 +407,8 @@ private:
     StimulationFinishFunction m_pFinish QS_GUARDED_BY(m_lockS) = nullptr;
     void* m_pUser QS_GUARDED_BY(m_lockS) = nullptr;
     QsThread m_thread QS_GUARDED_BY(m_lockS){};
-    CQsRegistryLock::Run m_run QS_GUARDED_BY(m_lockS) = 0; // number of the last stimulation
+    IQsStimulationDevice* m_pRunningDevice QS_GUARDED_BY(m_lockS) = nullptr; // the worker's; it holds the reference
+    CQsRegistryLock::Run m_run QS_GUARDED_BY(m_lockS) = 0;                   // number of the last stimulation
     CQsThreadsMutex m_lockS;
     CQsRegistryLock m_lockR;
     CQsThreadsMutex m_lockT; // reserved

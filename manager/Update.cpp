@@ -1,6 +1,7 @@
 // The rebuilding of the device map.
 #include "manager/StimulationManager.h"
 
+#include "host/QsDevice.h"
 #include "manager/DeviceCall.h"
 
 namespace {
@@ -61,6 +62,8 @@ int CQsStimulationDeviceManager::Update()
         FillIdMaps();
     }
     SetStimulationBeampathsDirty();
+    if (m_bDatabaseMode)
+        RestoreStimulationOC();
 
     // Also when it is chosen again below: a device sees every activation begin with "off".
     if (previous != nullptr)
@@ -70,6 +73,16 @@ int CQsStimulationDeviceManager::Update()
     const int result = ActivateAfterUpdate();
     FireCallbackForChange(eChangeDeviceList);
     return result;
+}
+
+// What the user stimulated with last, on this setup. Nothing stored clears the present choice: it belongs to what was
+// before.
+void CQsStimulationDeviceManager::RestoreStimulationOC()
+{
+    CQsStringW name;
+    DeviceDBAppHelper::LoadParam(L"sLastActiveGlobalStimulationConfiguration", name, nullptr,
+                                 DeviceDBApi::GetCurrentSetupID(), DeviceDBApi::GetCurrentUserID());
+    SetStimulationOC(name);
 }
 
 // The most recently used device that is there, else the first by name.

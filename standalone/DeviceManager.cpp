@@ -32,6 +32,7 @@ struct SDevices
     std::vector<SShutterNode*> shutters QS_GUARDED_BY(lock);                // those of now, in the order of adding
     std::map<std::uint32_t, std::uint32_t> physicalIds QS_GUARDED_BY(lock); // by logical id, shutters included
     std::map<int, std::uint32_t> databaseIds QS_GUARDED_BY(lock);           // logical id by database id
+    std::map<int, std::uint32_t> loadedIds QS_GUARDED_BY(lock);             // the same, of the open database
 };
 
 // Never destroyed: threads may still be inside a shutter while the process ends.
@@ -60,6 +61,16 @@ std::vector<CQsSimulatedShutter*> AllShutters()
     return shutters;
 }
 
+// Empty when the device database and the devices say the same.
+std::string Contradiction(int databaseId, std::uint32_t ofDatabase, std::uint32_t ofDevice)
+{
+    if (ofDatabase == ofDevice)
+        return {};
+    return "expected database id " + std::to_string(databaseId) + " to mean logical device " +
+           std::to_string(ofDevice) + ", as the devices have it, found " + std::to_string(ofDatabase) +
+           " in the device database";
+}
+
 std::string CheckIds(SDevices& devices, std::uint32_t logDevId, int databaseId) QS_REQUIRES(devices.lock)
 {
     if (logDevId == 0)
@@ -68,7 +79,8 @@ std::string CheckIds(SDevices& devices, std::uint32_t logDevId, int databaseId) 
         return "expected a logical device id of its own, found " + std::to_string(logDevId) + ", which is taken";
     if (databaseId != 0 && devices.databaseIds.count(databaseId) != 0)
         return "expected a database id of its own, found " + std::to_string(databaseId) + ", which is taken";
-    return {};
+    const auto loaded = devices.loadedIds.find(databaseId);
+    return loaded != devices.loadedIds.end() ? Contradiction(databaseId, loaded->second, logDevId) : std::string();
 }
 
 void Enter(SDevices& devices, std::uint32_t logDevId, std::uint32_t physDevId, int databaseId) QS_REQUIRES(devices.lock)
@@ -166,6 +178,25 @@ std::vector<std::string> CQsDeviceManager::CloseAllShutters()
     return open;
 }
 
+bool CQsDeviceManager::SetDatabaseIds(const std::vector<std::pair<int, std::uint32_t>>& ids, std::string& error)
+{
+    SDevices& devices = Devices();
+    CQsScopedLock<CQsMutex> lock(devices.lock);
+    for (const auto& [databaseId, logDevId] : ids)
+    {
+        const auto own = devices.databaseIds.find(databaseId);
+        const std::string fault =
+            own != devices.databaseIds.end() ? Contradiction(databaseId, logDevId, own->second) : std::string();
+        if (!fault.empty())
+        {
+            error = fault;
+            return false;
+        }
+    }
+    devices.loadedIds = {ids.begin(), ids.end()};
+    return true;
+}
+
 void CQsDeviceManager::Reset()
 {
     // What is removed must not stay open nor be opened by a thread that found it before; its threads must come out.
@@ -217,6 +248,11 @@ CDMApi_LogDevId DMApi::LogDev_GetIdByDBId(int databaseId)
 {
     QsStandalone::SDevices& devices = QsStandalone::Devices();
     CQsScopedLock<CQsMutex> lock(devices.lock);
-    const auto found = devices.databaseIds.find(databaseId);
-    return found != devices.databaseIds.end() ? found->second : 0;
+    for (const auto* ids : {&devices.databaseIds, &devices.loadedIds})
+    {
+        const auto found = ids->find(databaseId);
+        if (found != ids->end())
+            return found->second;
+    }
+    return 0;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace QsStandalone {
@@ -61,7 +62,11 @@ public:
     static void ReleaseHangs(); // ends every hang, now and later
     // Closes every shutter, past all faults, as a host does when it ends. Returns the names of those that were open.
     static std::vector<std::string> CloseAllShutters();
-    static void Reset(); // removes everything
+    // Which logical device each id of the open device database means, beside those that devices were added with;
+    // replaces those of the last call. False, and nothing changed, when a device was added with such an id and another
+    // logical device.
+    static bool SetDatabaseIds(const std::vector<std::pair<int, std::uint32_t>>& ids, std::string& error);
+    static void Reset(); // removes every device; the ids of the open database stay
 };
 
 } // namespace QsStandalone

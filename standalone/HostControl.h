@@ -16,7 +16,8 @@ QS_HOST_API void SetTimeCounter(double (*source)());
 QS_HOST_API bool LoadTranslations(const std::string& path, std::string& error);
 QS_HOST_API void ClearTranslations();
 
-// What DeviceDBApi::IsInitialized answers; false at first. [any thread]
+// What DeviceDBApi::IsInitialized answers; false at first, and what opening and closing a device database set, too.
+// Without an open one no connection is OK. [any thread]
 QS_HOST_API void SetDeviceDatabaseInitialized(bool initialized);
 
 // Makes CreateAndQuery of the class fail, as a class whose hardware library is missing does. [any thread]

@@ -1,5 +1,6 @@
 #include "standalone/Rig.h"
 
+#include "standalone/RigObject.h"
 #include "standalone/RigSchema.h"
 
 #include <filesystem>
@@ -11,44 +12,6 @@ namespace QsStandalone {
 namespace {
 
 namespace fs = std::filesystem;
-
-// One object of the file whose keys the table has checked; a key that is absent has the table's default.
-class CRigObject
-{
-public:
-    CRigObject(const SJsonValue& value, const char* kind) : m_value(value), m_kind(kind) {}
-
-    const SJsonValue& Value() const { return m_value; }
-    unsigned LineOf(const char* key) const
-    {
-        const SJsonValue* found = m_value.Find(key);
-        return found ? found->line : m_value.line;
-    }
-
-    bool Flag(const char* key) const { return Get(key).flag; }
-    double Number(const char* key) const { return Get(key).number; }
-    std::uint32_t Whole(const char* key) const { return static_cast<std::uint32_t>(Number(key)); }
-    std::string Text(const char* key) const { return Get(key).text; }
-    std::vector<SJsonValue> List(const char* key) const { return Get(key).items; }
-    const SJsonValue* Find(const char* key) const { return m_value.Find(key); }
-
-private:
-    SJsonValue Get(const char* key) const
-    {
-        if (const SJsonValue* found = m_value.Find(key))
-            return *found;
-        SJsonValue value;
-        SJsonFault fault;
-        const SRigKey* rule = FindRigKey(m_kind, key);
-        // A default in words means: the empty value.
-        if (rule && !ParseJson(rule->defaultValue, value, fault))
-            value = {};
-        return value;
-    }
-
-    const SJsonValue& m_value;
-    const char* m_kind;
-};
 
 // The values of one kind that must not occur twice, with the line of the first.
 template <class T>
@@ -87,6 +50,7 @@ public:
         const std::string translations = m_root.Text("translations");
         if (!translations.empty())
             rig.translations = Absolute(translations);
+        rig.hasDatabaseContent = m_root.Find("deviceDatabase") != nullptr;
         return ReadShutters(rig, fault) && ReadStimulationShutters(rig, fault) && ReadLogicalDevices(rig, fault) &&
                ReadDevices(rig, fault);
     }
@@ -243,6 +207,14 @@ bool ReadRig(const std::string& path, SRig& rig, std::string& error)
     }
     rig = std::move(result);
     return true;
+}
+
+std::string FormatOfFile(const std::string& path)
+{
+    SJsonValue root;
+    SJsonFault fault;
+    const SJsonValue* const format = ReadJsonFile(path, root, fault) ? root.Find("format") : nullptr;
+    return format != nullptr ? format->text : std::string();
 }
 
 } // namespace QsStandalone

@@ -35,10 +35,15 @@ struct SRig
     std::vector<SLogicalDevice> logicalDevices;
     std::vector<SRigDevice> devices;
     std::string translations; // catalogue file, absolute; empty: none
+    // The file has the content of a device database too, for ReadDatabaseContent.
+    bool hasDatabaseContent = false;
 };
 
 // False, with one line "file:line: what was expected, what was found", for a file that is missing, not JSON, or has an
 // unknown key, a wrong type, a duplicate id or an impossible value. `rig` is then unchanged.
 QS_HOST_API bool ReadRig(const std::string& path, SRig& rig, std::string& error);
+
+// What a file says that it is: the text of its "format". Empty when it is no JSON object or says nothing.
+QS_HOST_API std::string FormatOfFile(const std::string& path);
 
 } // namespace QsStandalone

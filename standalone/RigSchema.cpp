@@ -20,6 +20,10 @@ constexpr double longestMoveMs = 60000.0;
 constexpr double longestHangMs = 3600000.0;
 constexpr double longestName = 100.0;
 constexpr double longestPath = 4096.0;
+constexpr double longestDatabaseName = 255.0; // in characters; the columns' limit
+constexpr double longestText = 4194304.0;     // the longest file
+constexpr double leastInt = -2147483648.0;
+constexpr double greatestInt = 2147483647.0;
 
 std::string NumberText(double number)
 {
@@ -61,9 +65,22 @@ bool IsText(const SJsonValue& value, const SRigKey& key)
            !HasControlCharacter(value.text);
 }
 
+bool IsAnyText(const SJsonValue& value, const SRigKey& key)
+{
+    const auto characters = static_cast<double>(std::count_if(
+        value.text.begin(), value.text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+    return value.kind == SJsonValue::Kind::Text && characters >= key.minimum && characters <= key.maximum &&
+           value.text.find('\0') == std::string::npos;
+}
+
 bool IsNumber(const SJsonValue& value, const SRigKey& key)
 {
     return value.kind == SJsonValue::Kind::Number && value.number >= key.minimum && value.number <= key.maximum;
+}
+
+bool IsWhole(const SJsonValue& value, const SRigKey& key)
+{
+    return IsNumber(value, key) && std::floor(value.number) == value.number;
 }
 
 bool IsRight(const SJsonValue& value, const SRigKey& key)
@@ -72,6 +89,11 @@ bool IsRight(const SJsonValue& value, const SRigKey& key)
     {
     case Type::Text:
         return IsText(value, key);
+    case Type::AnyText:
+        return IsAnyText(value, key);
+    case Type::WholeListOrText:
+        return value.kind == SJsonValue::Kind::List ||
+               (value.kind == SJsonValue::Kind::Text && value.text.find('\0') == std::string::npos);
     case Type::TextList:
     case Type::ObjectList:
         return value.kind == SJsonValue::Kind::List;
@@ -80,7 +102,7 @@ bool IsRight(const SJsonValue& value, const SRigKey& key)
     case Type::Number:
         return IsNumber(value, key);
     case Type::Whole:
-        return IsNumber(value, key) && std::floor(value.number) == value.number;
+        return IsWhole(value, key);
     case Type::Choice:
         return value.kind == SJsonValue::Kind::Text && IsChoice(value.text, key.choices);
     case Type::Object:
@@ -97,31 +119,6 @@ std::string KeysOf(const std::string& kind)
         if (kind == key.owner)
             keys += std::string(keys.empty() ? "" : ", ") + key.key;
     return keys;
-}
-
-bool CheckValue(const SJsonValue& value, const SRigKey& key, SJsonFault& fault)
-{
-    if (!IsRight(value, key))
-    {
-        fault = {value.line, std::string("expected \"") + key.key + "\" to be " + RigKeyExpectation(key) + ", found " +
-                                 value.Describe()};
-        return false;
-    }
-    if (key.type == Type::Object)
-        return CheckRigObject(value, key.object, fault);
-    for (const SJsonValue& item : value.items)
-    {
-        if (key.type == Type::ObjectList && !CheckRigObject(item, key.object, fault))
-            return false;
-        if (key.type == Type::TextList && !IsText(item, key))
-        {
-            fault = {item.line, std::string("expected every item of \"") + key.key + "\" to be a text of " +
-                                    BoundText(key.minimum) + " to " + BoundText(key.maximum) + " bytes, found " +
-                                    item.Describe()};
-            return false;
-        }
-    }
-    return true;
 }
 
 } // namespace
@@ -142,6 +139,8 @@ const std::vector<SRigKey>& RigKeys()
         {"rig", "devices", Type::ObjectList, "", false, "[]", 0, 0, "", "device", "devices of plug-ins"},
         {"rig", "translations", Type::Text, "", false, "none", 1, longestPath, "", "",
          "catalogue of translations; a relative path starts at the file's folder"},
+        {"rig", "deviceDatabase", Type::Object, "", false, "none", 0, 0, "", "deviceDatabase",
+         "content of the device database that the rig runs on"},
 
         {"shutter", "id", Type::Whole, "", true, "", 1, greatestId, "", "", "logical device id, unique in the file"},
         {"shutter", "physicalId", Type::Whole, "", false, "0", 0, greatestId, "", "", "physical device id; 0: none"},
@@ -187,6 +186,66 @@ const std::vector<SRigKey>& RigKeys()
          "unique name, unique among the devices"},
         {"device", "settings", Type::AnyObject, "", false, "{}", 0, 0, "", "",
          "settings of the device; the keys are its plug-in's"},
+
+        {s_databaseRoot, "format", Type::Choice, "", true, "", 0, 0, "stimulation-database", "", "what the file is"},
+        {s_databaseRoot, "version", Type::Whole, "", true, "", 1, 1, "", "", "version of the format"},
+        {s_databaseRoot, "deviceDatabase", Type::Object, "", true, "", 0, 0, "", "deviceDatabase", "the content"},
+
+        {"deviceDatabase", "users", Type::ObjectList, "", false, "[]", 0, 0, "", "user", "users"},
+        {"deviceDatabase", "setups", Type::ObjectList, "", false, "[]", 0, 0, "", "setup", "setups of the microscope"},
+        {"deviceDatabase", "hwConfigs", Type::ObjectList, "", false, "[]", 0, 0, "", "hwConfig",
+         "hardware configurations"},
+        {"deviceDatabase", "beampaths", Type::ObjectList, "", false, "[]", 0, 0, "", "beampath", "light paths"},
+        {"deviceDatabase", "hwConfigBeampaths", Type::ObjectList, "", false, "[]", 0, 0, "", "hwConfigBeampath",
+         "what hardware configurations say of beampaths"},
+        {"deviceDatabase", "configurations", Type::ObjectList, "", false, "[]", 0, 0, "", "configuration",
+         "logical devices on beampaths"},
+        {"deviceDatabase", "logicalIds", Type::ObjectList, "", false, "[]", 0, 0, "", "logicalId",
+         "which logical devices database ids mean"},
+        {"deviceDatabase", "parameters", Type::ObjectList, "", false, "[]", 0, 0, "", "parameter", "stored texts"},
+
+        {"user", "id", Type::Whole, "", true, "", 1, greatestDatabaseId, "", "", "id, unique"},
+        {"user", "name", Type::AnyText, "", true, "", 0, longestDatabaseName, "", "", "name"},
+        {"setup", "id", Type::Whole, "", true, "", 1, greatestDatabaseId, "", "", "id, unique"},
+        {"setup", "name", Type::AnyText, "", true, "", 0, longestDatabaseName, "", "", "name"},
+        {"hwConfig", "id", Type::Whole, "", true, "", 1, greatestDatabaseId, "", "", "id, unique"},
+        {"hwConfig", "setup", Type::Whole, "", true, "", 1, greatestDatabaseId, "", "", "id of its setup"},
+        {"hwConfig", "name", Type::AnyText, "", true, "", 0, longestDatabaseName, "", "", "name"},
+
+        {"beampath", "id", Type::Whole, "", true, "", 1, greatestDatabaseId, "", "", "id, unique"},
+        {"beampath", "setup", Type::Whole, "", true, "", 1, greatestDatabaseId, "", "", "id of its setup"},
+        {"beampath", "name", Type::AnyText, "", true, "", 0, longestDatabaseName, "", "",
+         "the part of an optical configuration before the colon; unique among the stimulation beampaths of a setup"},
+        {"beampath", "userName", Type::AnyText, "", false, "none", 0, longestText, "", "",
+         "name shown to the user instead"},
+        {"beampath", "type", Type::Whole, "", false, "2", leastInt, greatestInt, "", "", "2: stimulation"},
+        {"beampath", "onByDefault", Type::Flag, "", false, "true", 0, 0, "", "",
+         "switched on where the hardware configuration says nothing"},
+        {"beampath", "order", Type::Whole, "", false, "0", leastInt, greatestInt, "", "",
+         "the lowest wins where a name repeats"},
+        {"beampath", "merged", Type::WholeListOrText, "", false, "none", leastInt, greatestInt, "", "",
+         "ids of the sub-beampaths; a text stands for itself in the table"},
+
+        {"hwConfigBeampath", "hwConfig", Type::Whole, "", true, "", 1, greatestDatabaseId, "", "",
+         "id of a hardware configuration"},
+        {"hwConfigBeampath", "beampath", Type::Whole, "", true, "", 1, greatestDatabaseId, "", "",
+         "id of a beampath of the same setup"},
+        {"hwConfigBeampath", "behaviour", Type::Whole, "", false, "the beampath's default", leastInt, greatestInt, "",
+         "", "1: on"},
+
+        {"configuration", "beampath", Type::Whole, "", true, "", 1, greatestDatabaseId, "", "", "id of a beampath"},
+        {"configuration", "logicalDevice", Type::Whole, "", true, "", 1, greatestDatabaseId, "", "",
+         "database id of a logical device"},
+        {"configuration", "type", Type::Whole, "", false, "1", leastInt, greatestInt, "", "",
+         "kind of the device; 1, 2, 8 and 10 stimulate"},
+
+        {"logicalId", "databaseId", Type::Whole, "", true, "", 1, greatestDatabaseId, "", "", "database id, unique"},
+        {"logicalId", "logDevId", Type::Whole, "", true, "", 1, greatestId, "", "", "logical device id"},
+
+        {"parameter", "name", Type::AnyText, "", true, "", 0, longestDatabaseName, "", "", "name"},
+        {"parameter", "setup", Type::Whole, "", false, "0", leastInt, greatestInt, "", "", "id of a setup; 0: none"},
+        {"parameter", "user", Type::Whole, "", false, "0", leastInt, greatestInt, "", "", "id of a user; 0: none"},
+        {"parameter", "text", Type::AnyText, "", true, "", 0, longestText, "", "", "what is stored"},
     };
     return keys;
 }
@@ -212,6 +271,11 @@ std::string RigKeyExpectation(const SRigKey& key)
                " bytes without control characters";
     case Type::TextList:
         return "a list of texts";
+    case Type::AnyText:
+        return "a text of " + BoundText(key.minimum) + " to " + BoundText(key.maximum) +
+               " characters, none of them null";
+    case Type::WholeListOrText:
+        return "a list of whole numbers " + bounds + ", or a text";
     case Type::Flag:
         return "true or false";
     case Type::Number:
@@ -227,6 +291,38 @@ std::string RigKeyExpectation(const SRigKey& key)
         break;
     }
     return "an object";
+}
+
+bool CheckRigValue(const SJsonValue& value, const SRigKey& key, SJsonFault& fault)
+{
+    if (!IsRight(value, key))
+    {
+        fault = {value.line, std::string("expected \"") + key.key + "\" to be " + RigKeyExpectation(key) + ", found " +
+                                 value.Describe()};
+        return false;
+    }
+    if (key.type == Type::Object)
+        return CheckRigObject(value, key.object, fault);
+    for (const SJsonValue& item : value.items)
+    {
+        if (key.type == Type::ObjectList && !CheckRigObject(item, key.object, fault))
+            return false;
+        if (key.type == Type::TextList && !IsText(item, key))
+        {
+            fault = {item.line, std::string("expected every item of \"") + key.key + "\" to be a text of " +
+                                    BoundText(key.minimum) + " to " + BoundText(key.maximum) + " bytes, found " +
+                                    item.Describe()};
+            return false;
+        }
+        if (key.type == Type::WholeListOrText && !IsWhole(item, key))
+        {
+            fault = {item.line, std::string("expected every item of \"") + key.key + "\" to be a whole number from " +
+                                    BoundText(key.minimum) + " to " + BoundText(key.maximum) + ", found " +
+                                    item.Describe()};
+            return false;
+        }
+    }
+    return true;
 }
 
 bool CheckRigObject(const SJsonValue& value, const std::string& kind, SJsonFault& fault)
@@ -245,7 +341,7 @@ bool CheckRigObject(const SJsonValue& value, const std::string& kind, SJsonFault
                      "expected one of the keys " + KeysOf(kind) + ", found " + QuoteForMessage(member.key)};
             return false;
         }
-        if (!CheckValue(member.value, *key, fault))
+        if (!CheckRigValue(member.value, *key, fault))
             return false;
     }
     for (const SRigKey& key : RigKeys())

@@ -1,4 +1,5 @@
-// What a rig file may hold: the one table that the checks follow and the documentation shows.
+// What a rig file and the content of a device database may hold: the one table that the checks follow and the
+// documentation shows.
 #pragma once
 
 #include "host/QsHostApi.h"
@@ -15,9 +16,11 @@ struct SRigKey
     {
         Text, // minimum and maximum bound its length in bytes
         TextList,
+        AnyText, // they bound its length in characters; control characters are allowed, null is not
         Flag,
-        Number, // minimum and maximum bound its value
-        Whole,  // the same, without a fraction
+        Number,          // minimum and maximum bound its value
+        Whole,           // the same, without a fraction
+        WholeListOrText, // such numbers, or any text
         Choice,
         Object,     // of the kind `object`
         ObjectList, // of such objects, in the order of the file
@@ -38,6 +41,7 @@ struct SRigKey
 };
 
 constexpr const char* s_rigRoot = "rig";
+constexpr const char* s_databaseRoot = "databaseFile";
 
 const std::vector<SRigKey>& RigKeys();
 const SRigKey* FindRigKey(const std::string& owner, const std::string& key);
@@ -45,7 +49,8 @@ const SRigKey* FindRigKey(const std::string& owner, const std::string& key);
 // What the key's value must be, as it stands in messages: "a number from 0 to 60000 ms".
 std::string RigKeyExpectation(const SRigKey& key);
 
-// Checks the value and everything below it by the table; false with the first fault.
+// Checks the value of a key, or an object of a kind, and everything below it by the table; false with the first fault.
+bool CheckRigValue(const SJsonValue& value, const SRigKey& key, SJsonFault& fault);
 bool CheckRigObject(const SJsonValue& value, const std::string& kind, SJsonFault& fault);
 
 // The table as Markdown, for docs/formats.md; a test holds the two together.

@@ -6,6 +6,7 @@
 #include <memory>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 namespace Stimhost {
 
@@ -17,23 +18,46 @@ std::atomic<bool> s_threadsLeftBehind{false};
 
 bool RunBounded(double timeoutMs, std::function<void()> function)
 {
-    const auto task = std::make_shared<std::packaged_task<void()>>(std::move(function));
-    std::future<void> ended = task->get_future();
-    std::thread thread;
-    try
+    return RunAllBounded(timeoutMs, {std::move(function)});
+}
+
+bool RunAllBounded(double timeoutMs, const std::vector<std::function<void()>>& functions)
+{
+    struct SRun
     {
-        thread = std::thread([task] { (*task)(); });
+        std::thread thread;
+        std::future<void> ended;
+    };
+    std::vector<SRun> runs;
+    std::vector<std::shared_ptr<std::packaged_task<void()>>> withoutThread;
+    for (const std::function<void()>& function : functions)
+    {
+        const auto task = std::make_shared<std::packaged_task<void()>>(function);
+        std::future<void> ended = task->get_future();
+        try
+        {
+            std::thread thread([task] { (*task)(); });
+            runs.push_back({std::move(thread), std::move(ended)});
+        }
+        catch (const std::system_error&)
+        {
+            withoutThread.push_back(task);
+        }
     }
-    catch (const std::system_error&)
-    {
+    for (const auto& task : withoutThread)
         (*task)();
-        return true;
+    const auto until =
+        std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                               std::chrono::duration<double, std::milli>(timeoutMs));
+    bool inTime = true;
+    for (SRun& run : runs)
+    {
+        const bool ended = run.ended.wait_until(until) == std::future_status::ready;
+        if (!ended)
+            LeaveThreadBehind();
+        ended ? run.thread.join() : run.thread.detach();
+        inTime = inTime && ended;
     }
-    const bool inTime =
-        ended.wait_for(std::chrono::duration<double, std::milli>(timeoutMs)) == std::future_status::ready;
-    if (!inTime)
-        LeaveThreadBehind();
-    inTime ? thread.join() : thread.detach();
     return inTime;
 }
 

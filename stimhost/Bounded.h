@@ -4,6 +4,7 @@
 #include "host/QsSystem.h"
 
 #include <functional>
+#include <vector>
 
 namespace Stimhost {
 
@@ -11,6 +12,9 @@ namespace Stimhost {
 // it did not end by then: the thread then goes on by itself, so what the function uses must live as long as the
 // process. Where no thread can be had it runs here, however long it takes. [blocks]
 bool RunBounded(double timeoutMs, std::function<void()> function);
+
+// The same for several at a time, each on a thread of its own; false when any did not end by then. [blocks]
+bool RunAllBounded(double timeoutMs, const std::vector<std::function<void()>>& functions);
 
 // Whether threads are still inside a device: then the process must end without its usual tidying. [any thread]
 void LeaveThreadBehind();

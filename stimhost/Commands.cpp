@@ -5,12 +5,17 @@
 #include "platform/Export.h"
 #include "standalone/DeviceManager.h"
 #include "stimhost/Bounded.h"
+#include "stimhost/Database.h"
 #include "stimhost/Interruption.h"
 #include "stimhost/Session.h"
+#include "stimhost/Temporary.h"
 #include "stimhost/Text.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
+#include <iterator>
+#include <stdexcept>
 
 extern "C" QS_EXPORT int StimhostMain(int argc, char** argv);
 
@@ -18,32 +23,47 @@ namespace Stimhost {
 
 namespace {
 
+struct SCommand
+{
+    const char* name;
+    int (*withSession)(const SOptions& options, CSession& session); // null: it needs none
+    int (*alone)(const SOptions& options);
+};
+
+constexpr SCommand s_commands[] = {
+    {"list", &List, nullptr},
+    {"activate", &Activate, nullptr},
+    {"stimulate", &Stimulate, nullptr},
+    {"demo", &Demo, nullptr},
+    {"script list", [](const SOptions& options, CSession&) { return ScriptList(options); }, nullptr},
+    {"script call", [](const SOptions& options, CSession&) { return ScriptCall(options); }, nullptr},
+    {"beampaths", &ShowBeampaths, nullptr},
+    {"oc show", &OCShow, nullptr},
+    {"oc set", &OCSet, nullptr},
+    {"groups show", &GroupsShow, nullptr},
+    {"groups save", &GroupsSave, nullptr},
+    {"registry show", nullptr, &RegistryShow},
+    {"rig check", nullptr, &RigCheck},
+    {"rig init", nullptr, &RigInit},
+    {"rig import", nullptr, &RigImport},
+    {"rig export", nullptr, &RigExport},
+};
+
 int Run(const SOptions& options)
 {
     static CSession& session = *new CSession; // its devices are the manager's, which lives as long as the process
     std::string error;
-    const std::string& command = options.command;
-    const bool withRig = command != "registry show" && command != "rig check";
-    if ((command == "demo" && !PrepareDemo(options, error)) || !session.Open(options, withRig, error))
+    const SCommand* const command = std::find_if(std::begin(s_commands), std::end(s_commands),
+                                                 [&](const SCommand& known) { return options.command == known.name; });
+    if (command == std::end(s_commands))
+        throw std::logic_error("a command that nobody runs: " + options.command);
+    const bool withRig = command->withSession != nullptr;
+    if ((options.command == "demo" && !PrepareDemo(options, error)) || !session.Open(options, withRig, error))
     {
         Complain(error);
         return eExitBadUse;
     }
-    if (command == "list")
-        return List(options, session);
-    if (command == "activate")
-        return Activate(options, session);
-    if (command == "stimulate")
-        return Stimulate(options, session);
-    if (command == "demo")
-        return Demo(options, session);
-    if (command == "script list")
-        return ScriptList(options);
-    if (command == "script call")
-        return ScriptCall(options);
-    if (command == "registry show")
-        return RegistryShow(options);
-    return RigCheck(options);
+    return withRig ? command->withSession(options, session) : command->alone(options);
 }
 
 int RunAndCatch(const SOptions& options)
@@ -90,6 +110,8 @@ int StimhostMain(int argc, char** argv)
         return eExitInternal;
     }
     const int code = CodeAfterOutput(PutLightsOut(RunAndCatch(options)));
+    CloseDatabase();
+    RemoveTemporaryFolder();
     if (ThreadsAreLeftBehind())
         std::_Exit(code); // they may still be inside a device; nothing of it may be tidied away under them
     return code;

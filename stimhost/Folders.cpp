@@ -48,10 +48,10 @@ std::string PluginFolder()
                                      ProgramFolder() / QS_LIBRARY_FOLDER / "qsstimulation" / "plugins"));
 }
 
-std::string DemoRig()
+std::string RigOfProgram(const std::string& name)
 {
-    const fs::path installed = ProgramFolder() / QS_SHARE_FOLDER / "qsstimulation" / "rigs" / "demo.json";
-    return OrNothing(FirstThatExists(installed, fs::path(QS_SOURCE_RIGS) / "demo.json"));
+    const fs::path installed = ProgramFolder() / QS_SHARE_FOLDER / "qsstimulation" / "rigs" / name;
+    return OrNothing(FirstThatExists(installed, fs::path(QS_SOURCE_RIGS) / name));
 }
 
 } // namespace Stimhost

@@ -8,6 +8,7 @@ namespace Stimhost {
 std::string ModuleFile();   // the stimulation module
 std::string CommandsFile(); // the library of the commands that need it
 std::string PluginFolder(); // device modules that come with the product; empty when there are none
-std::string DemoRig();      // empty when it is missing
+// File of a rig that comes with the product; empty when it is missing.
+std::string RigOfProgram(const std::string& name);
 
 } // namespace Stimhost

@@ -4,6 +4,7 @@
 #include "platform/ThreadSafety.h"
 #include "standalone/DeviceManager.h"
 #include "stimhost/Session.h"
+#include "stimhost/Temporary.h"
 #include "stimhost/Text.h"
 
 #include <algorithm>
@@ -40,6 +41,7 @@ SState& State()
             closed.push_back(std::move(light));
     for (const std::string& light : closed)
         Complain("interrupted: the light of " + light + " was on and has been switched off");
+    RemoveTemporaryFolder();
     std::_Exit(eExitFailed);
 }
 
@@ -50,6 +52,7 @@ void OnInterruption()
     if (interrupts > 2) // without a word: stderr may be what we hang on
     {
         QsStandalone::CQsDeviceManager::CloseAllShutters();
+        RemoveTemporaryFolder();
         std::_Exit(eExitFailed);
     }
     std::function<void()> stop;

@@ -332,30 +332,4 @@ int RegistryShow(const SOptions& options)
     return eExitDone;
 }
 
-int RigCheck(const SOptions& options)
-{
-    int code = eExitDone;
-    CJson json;
-    json.Object().Integer("version", 1).Array("rigs");
-    for (const std::string& path : options.files)
-    {
-        QsStandalone::SRig rig;
-        std::string error;
-        const bool good = QsStandalone::ReadRig(path, rig, error);
-        json.Object().Text("file", path).Flag("valid", good).Text("error", error).Text("name", rig.name).EndObject();
-        if (!good)
-        {
-            Complain(error);
-            code = eExitBadUse;
-        }
-        else if (!options.json)
-            Print(path + ": \"" + rig.name + "\", " + std::to_string(rig.shutters.size()) + " shutters, " +
-                  std::to_string(rig.devices.size()) + " devices\n");
-    }
-    json.EndArray().EndObject();
-    if (options.json)
-        Print(json.Take());
-    return code;
-}
-
 } // namespace Stimhost

@@ -35,6 +35,9 @@ const CLI::Validator s_milliseconds(
 const CLI::Validator
     s_path([](std::string& text) { return text.empty() ? "expected a name, found none" : std::string(); }, "");
 
+// Ids of the device database start at 1.
+const CLI::Range s_id(1, 2147483647);
+
 CLI::App* Command(CLI::App& parent, const std::string& name, const std::string& description, SOptions& options)
 {
     CLI::App* command = parent.add_subcommand(name, description);
@@ -44,6 +47,15 @@ CLI::App* Command(CLI::App& parent, const std::string& name, const std::string& 
     return command;
 }
 
+// A command that stands for nothing without one of its own commands.
+CLI::App& Group(CLI::App& parent, const std::string& name, const std::string& description)
+{
+    CLI::App* group = parent.add_subcommand(name, description);
+    group->fallthrough();
+    group->require_subcommand(1);
+    return *group;
+}
+
 void AddJson(CLI::App& command, SOptions& options)
 {
     command.add_flag("--json", options.json, "Print JSON");
@@ -51,7 +63,25 @@ void AddJson(CLI::App& command, SOptions& options)
 
 void AddGlobal(CLI::App& app, SOptions& options)
 {
-    app.add_option("--rig", options.rig, "Rig file (default: the demo rig)")->check(s_path)->type_name("FILE");
+    app.add_option("--rig", options.rig, "Rig file (default: one that comes with the program)")
+        ->check(s_path)
+        ->type_name("FILE");
+    app.add_option("--database", options.database,
+                   "Device database, sqlite:FILE or postgresql://[USER[:PASSWORD]@]HOST[:PORT]/DATABASE; where a "
+                   "password must not stand on the command line, in the environment (default: the rig's own, for this "
+                   "run)")
+        ->envname("QS_DATABASE")
+        ->check(s_path)
+        ->type_name("SPEC");
+    app.add_option("--setup", options.setup, "Setup of the device database (default: the first)")
+        ->check(s_id)
+        ->type_name("ID");
+    app.add_option("--hw-config", options.hwConfig, "Hardware configuration of the setup (default: the first)")
+        ->check(s_id)
+        ->type_name("ID");
+    app.add_option("--user", options.user, "User of the device database (default: the first)")
+        ->check(s_id)
+        ->type_name("ID");
     app.add_option("--modules", options.moduleFolders, "Folders with further device modules")->type_name("DIR");
     app.add_option("--registry", options.registryFolder, "Folder of the registry (default: the user's)")
         ->check(s_path)
@@ -64,9 +94,17 @@ void AddGlobal(CLI::App& app, SOptions& options)
     app.add_flag("--verbose", options.verbose, "Write the diagnostic log to stderr");
 }
 
+void AddOC(CLI::App& command, SOptions& options)
+{
+    command.add_option("--oc", options.oc, "Stimulation optical configuration, for this run")
+        ->check(s_path)
+        ->type_name("BEAMPATH:CONFIGURATION");
+}
+
 void AddStimulate(CLI::App& app, SOptions& options)
 {
-    CLI::App* stimulate = Command(app, "stimulate", "Stimulate with the active device and measure its light", options);
+    CLI::App* stimulate =
+        Command(app, "stimulate", "Stimulate with the active device or beampath and measure its light", options);
     stimulate->add_option("--kind", options.kind, "Kind of stimulation")
         ->check(CLI::IsMember({"continuous", "timed"}))
         ->type_name("continuous|timed")
@@ -84,6 +122,7 @@ void AddStimulate(CLI::App& app, SOptions& options)
         ->type_name("MASK")
         ->capture_default_str();
     stimulate->add_option("--device", options.device, "Activate this device first")->type_name("NAME");
+    AddOC(*stimulate, options);
     stimulate->add_option("--abort-after", options.abortAfterMs, "Abort each stimulation after this time")
         ->check(s_milliseconds)
         ->type_name("MS");
@@ -94,6 +133,50 @@ void AddStimulate(CLI::App& app, SOptions& options)
     stimulate->add_option("--picture", options.picture, "Write the timeline")->check(s_path)->type_name("FILE.svg");
     stimulate->add_option("--report", options.report, "Write the JSON report")->check(s_path)->type_name("FILE");
     AddJson(*stimulate, options);
+}
+
+void AddBeampaths(CLI::App& app, SOptions& options)
+{
+    AddJson(*Command(app, "beampaths", "Stimulation beampaths of the setup, with their devices", options), options);
+
+    CLI::App& oc = Group(app, "oc", "The stimulation optical configuration");
+    AddJson(*Command(oc, "show", "Which one is set", options), options);
+    CLI::App* set = Command(oc, "set", "Set it, and keep it for the setup and the user", options);
+    set->add_option("name", options.oc, "Its name")->required()->check(s_path)->type_name("BEAMPATH:CONFIGURATION");
+    AddJson(*set, options);
+
+    CLI::App& groups = Group(app, "groups", "Which sub-beampath serves which stimulation group");
+    CLI::App* show = Command(groups, "show", "Assignments of the active beampath", options);
+    AddOC(*show, options);
+    AddJson(*show, options);
+    CLI::App* save = Command(groups, "save", "Save them for the setup and the user", options);
+    save->add_option("--assign", options.assignments, "Assign a group, 0 to 2, to a sub-beampath first")
+        ->type_name("GROUP=ID");
+    AddOC(*save, options);
+    AddJson(*save, options);
+}
+
+void AddRig(CLI::App& app, SOptions& options)
+{
+    CLI::App& rig = Group(app, "rig", "Rig files and device databases");
+    CLI::App* check = Command(rig, "check", "Check rig files, files of database content, and the database", options);
+    check->add_option("files", options.files, "Files")->type_name("FILE");
+    AddJson(*check, options);
+
+    AddJson(*Command(rig, "init", "Make an empty device database", options), options);
+
+    CLI::App* import = Command(rig, "import", "Replace what the device database holds; make it where needed", options);
+    import->add_option("file", options.file, "Rig with a device database, or an export")
+        ->required()
+        ->check(s_path)
+        ->type_name("FILE");
+    AddJson(*import, options);
+
+    CLI::App* exporting = Command(rig, "export", "Write what the device database holds as JSON", options);
+    exporting->add_option("file", options.file, "New file, or an earlier export (default: stdout)")
+        ->check(s_path)
+        ->type_name("FILE");
+    AddJson(*exporting, options);
 }
 
 } // namespace
@@ -126,31 +209,23 @@ std::optional<int> ReadOptions(int argc, char** argv, SOptions& options)
     AddJson(*activate, options);
 
     AddStimulate(app, options);
+    AddBeampaths(app, options);
 
-    CLI::App* script = app.add_subcommand("script", "Registered script procedures");
-    script->fallthrough();
-    script->require_subcommand(1);
-    CLI::App* scriptList = Command(*script, "list", "Procedures with their parameters", options);
+    CLI::App& script = Group(app, "script", "Registered script procedures");
+    CLI::App* scriptList = Command(script, "list", "Procedures with their parameters", options);
     AddJson(*scriptList, options);
-    CLI::App* scriptCall = Command(*script, "call", "Call a procedure", options);
+    CLI::App* scriptCall = Command(script, "call", "Call a procedure", options);
     scriptCall->add_option("procedure", options.procedure, "Name of the procedure")->required()->type_name("PROC");
     scriptCall->add_option("--device", options.device, "Device that the procedure shall find")->type_name("TEXT");
     scriptCall->add_option("--param", options.parameters, "Parameters")->type_name("NAME=VALUE");
     AddJson(*scriptCall, options);
 
-    CLI::App* registry = app.add_subcommand("registry", "The stored settings");
-    registry->fallthrough();
-    registry->require_subcommand(1);
-    CLI::App* registryShow = Command(*registry, "show", "Stored values", options);
+    CLI::App& registry = Group(app, "registry", "The stored settings");
+    CLI::App* registryShow = Command(registry, "show", "Stored values", options);
     registryShow->add_flag("--machine", options.machine, "Those of the machine instead of the user's");
     AddJson(*registryShow, options);
 
-    CLI::App* rig = app.add_subcommand("rig", "Rig files");
-    rig->fallthrough();
-    rig->require_subcommand(1);
-    CLI::App* rigCheck = Command(*rig, "check", "Check rig files", options);
-    rigCheck->add_option("files", options.files, "Rig files")->required()->type_name("FILE");
-    AddJson(*rigCheck, options);
+    AddRig(app, options);
 
     CLI::App* demo = Command(app, "demo", "Run the rig through its paces and check every promise", options);
     demo->add_option("--out", options.out, "Folder of report.json and timeline.svg")

@@ -12,6 +12,10 @@ struct SOptions
 {
     // Every command.
     std::string rig;
+    std::string database;              // empty: that of the rig, or none
+    std::optional<std::int32_t> setup; // these three: of the database; absent: its own first choice
+    std::optional<std::int32_t> hwConfig;
+    std::optional<std::int32_t> user;
     std::vector<std::string> moduleFolders;
     std::string registryFolder;
     std::string logFile;
@@ -22,6 +26,7 @@ struct SOptions
     std::string command; // "list", "script call", ...
 
     std::vector<std::string> files; // inspect, rig check
+    std::string file;               // rig import, rig export
 
     std::optional<std::string> name; // activate
     std::optional<unsigned> mruIndex;
@@ -33,10 +38,13 @@ struct SOptions
     unsigned repetitions = 1;
     std::uint32_t groupMask = 1;
     std::optional<std::string> device; // also script call
+    std::optional<std::string> oc;     // also groups, and what oc set sets
     std::optional<double> abortAfterMs;
     double graceMs = 10000.0;
     std::string picture;
     std::string report;
+
+    std::vector<std::string> assignments; // groups save
 
     std::string procedure; // script call
     std::vector<std::string> parameters;

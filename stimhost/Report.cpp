@@ -7,7 +7,8 @@ namespace Stimhost {
 
 namespace {
 
-constexpr int s_reportVersion = 1;
+constexpr int s_reportVersion = 2;
+constexpr char s_withoutAreas[] = "there are no areas to fire patterns at, so no device was called";
 
 const char* KindName(EKind kind)
 {
@@ -19,7 +20,7 @@ std::string Signed(double value)
     return (value >= 0.0 ? "+" : "") + Number(value, 2);
 }
 
-// Columns of the table after the phase and the device.
+// Columns of the table after the device.
 std::string Row(const std::vector<std::string>& cells)
 {
     constexpr std::size_t width = 10;
@@ -37,19 +38,6 @@ std::string Names(const std::vector<std::string>& names)
     return text;
 }
 
-void WriteLight(CJson& json, const SPhase& phase, const SMeasured& light)
-{
-    json.Object().Text("device", light.device);
-    json.Time("beginMs", light.BeginMs()).Time("endMs", light.EndMs()).Time("durationMs", light.DurationMs());
-    json.Time("litMs", light.LitMs());
-    json.Time("beginErrorMs", light.BeginMs()).Time("endErrorMs", light.EndMs() - phase.DueMs());
-    json.Time("durationErrorMs", phase.WasAborted() ? s_noTime : light.DurationMs() - phase.request.durationMs);
-    json.Array("pulsesMs");
-    for (const SPulse& pulse : light.pulses)
-        json.Array().Element(pulse.onMs).Element(pulse.offMs).EndArray();
-    json.EndArray().EndObject();
-}
-
 void WriteNames(CJson& json, const char* key, const std::vector<std::string>& names)
 {
     json.Array(key);
@@ -58,11 +46,77 @@ void WriteNames(CJson& json, const char* key, const std::vector<std::string>& na
     json.EndArray();
 }
 
+void WriteLight(CJson& json, const SPhase& phase, const SMeasured& light)
+{
+    json.Object().Text("device", light.device);
+    json.Time("beginMs", light.BeginMs()).Time("endMs", light.EndMs()).Time("durationMs", light.DurationMs());
+    json.Time("litMs", light.LitMs());
+    json.Time("beginErrorMs", light.BeginMs()).Time("endErrorMs", light.EndMs() - phase.DueMs());
+    json.Time("durationErrorMs", phase.WasAborted() ? s_noTime : light.DurationMs() - phase.request.durationMs);
+    json.Time("abortLatencyMs", phase.AbortLatencyMs(light));
+    json.Array("pulsesMs");
+    for (const SPulse& pulse : light.pulses)
+        json.Array().Element(pulse.onMs).Element(pulse.offMs).EndArray();
+    json.EndArray().EndObject();
+}
+
 void WriteTimes(CJson& json, const char* key, const std::vector<double>& times)
 {
     json.Array(key);
     for (const double time : times)
         json.Element(time);
+    json.EndArray();
+}
+
+std::string LaneText(const SLane& lane)
+{
+    return lane.device.empty() || lane.device == lane.name ? lane.name : lane.name + ": " + lane.device;
+}
+
+// The numbers of a lane, and what is to be said beside them.
+std::string Cells(const SPhase& phase, const SLane& lane)
+{
+    const std::string state = lane.state.empty() ? "" : "  " + lane.state;
+    if (lane.light == nullptr)
+    {
+        const int status = phase.startStatus != 0 ? phase.startStatus : phase.status;
+        return Row({Number(phase.request.durationMs, 2)}) + state +
+               (status != 0 ? ", status " + std::to_string(status) : "");
+    }
+    const SMeasured& light = *lane.light;
+    return Row({Number(phase.DueMs(), 2), Number(light.BeginMs(), 2), Number(light.EndMs(), 2),
+                Number(light.DurationMs(), 2), Number(light.LitMs(), 2), Signed(light.BeginMs()),
+                Signed(light.EndMs() - phase.DueMs()), Number(phase.AbortLatencyMs(light), 2)}) +
+           state;
+}
+
+void WriteBeampath(CJson& json, const SPhase& phase)
+{
+    json.Object("beampath").Text("name", phase.throughBeampath ? phase.device : "").Array("subbeampaths");
+    for (const SPath& path : phase.paths)
+    {
+        const SMeasured* const light = phase.LightOf(path.light);
+        json.Object().Integer("id", path.id).Text("name", path.name);
+        json.Text("device", path.HasDevice() ? path.device : "no device").Text("light", path.light);
+        json.Time("beginMs", light != nullptr ? light->BeginMs() : s_noTime);
+        json.Time("endMs", light != nullptr ? light->EndMs() : s_noTime);
+        json.Flag("failed", path.failed).Flag("late", path.late).EndObject();
+    }
+    json.EndArray().EndObject();
+}
+
+void WriteSignals(CJson& json, const SPhase& phase)
+{
+    json.Array("signals");
+    for (const SSignal& signal : phase.signals)
+        json.Object()
+            .Time("timeMs", signal.timeMs)
+            .Text("kind", signal.command ? "command" : "change")
+            .Integer("code", signal.value)
+            .EndObject();
+    json.EndArray().Array("messages");
+    for (const SMessage& message : phase.messages)
+        json.Object().Time("timeMs", message.timeMs).Text("text", message.text).EndObject();
     json.EndArray();
 }
 
@@ -87,7 +141,13 @@ void WritePhase(CJson& json, const SPhase& phase, double firstStartMs)
     json.Array("measured");
     for (const SMeasured& light : phase.lights)
         WriteLight(json, phase, light);
-    json.EndArray().Time("skewMs", phase.SkewMs());
+    json.EndArray().Time("startSkewMs", phase.StartSkewMs()).Time("endSkewMs", phase.EndSkewMs());
+    WriteBeampath(json, phase);
+    WriteSignals(json, phase);
+    WriteNames(json, "withoutLight", phase.DarkDevices());
+    WriteNames(json, "failed", phase.FailedDevices());
+    WriteNames(json, "late", phase.LateDevices());
+    WriteNames(json, "strayLights", phase.StrayLights());
     WriteNames(json, "lightLeftOn", phase.leftOn);
     WriteNames(json, "faults", phase.faults);
     json.EndObject();
@@ -105,33 +165,47 @@ SReport ReportOf(const QsStandalone::SRig& rig)
 
 std::string Table(const std::vector<SPhase>& phases)
 {
-    std::size_t titleWidth = 5;
-    std::size_t deviceWidth = 6;
+    std::size_t width = 6;
     for (const SPhase& phase : phases)
-    {
-        titleWidth = std::max(titleWidth, phase.request.title.size());
-        for (const SMeasured& light : phase.lights)
-            deviceWidth = std::max(deviceWidth, light.device.size());
-    }
-    const std::string indent(titleWidth + deviceWidth + 4, ' ');
-    std::string text = indent + Row({"requested", "measured", "", "", "", "begin", "end", "abort"}) + "\n";
-    text += Padded("phase", titleWidth) + "  " + Padded("device", deviceWidth) + "  " +
+        for (const SLane& lane : phase.Lanes())
+            width = std::max(width, LaneText(lane).size());
+    std::string text =
+        std::string(width + 4, ' ') + Row({"requested", "measured", "", "", "", "begin", "end", "abort"}) + "\n";
+    text += Padded("  device", width + 4) +
             Row({"end", "begin", "end", "duration", "lit", "error", "error", "latency"}) + "  [ms]\n";
     for (const SPhase& phase : phases)
     {
-        const std::string title = Padded(phase.request.title, titleWidth) + "  ";
-        if (phase.lights.empty())
-            text += title + Padded("-", deviceWidth) + "  " + Row({Number(phase.request.durationMs, 2)}) +
-                    "  no light, status " + std::to_string(phase.startStatus != 0 ? phase.startStatus : phase.status) +
-                    "\n";
-        for (const SMeasured& light : phase.lights)
-            text += title + Padded(light.device, deviceWidth) + "  " +
-                    Row({Number(phase.DueMs(), 2), Number(light.BeginMs(), 2), Number(light.EndMs(), 2),
-                         Number(light.DurationMs(), 2), Number(light.LitMs(), 2), Signed(light.BeginMs()),
-                         Signed(light.EndMs() - phase.DueMs()), Number(phase.AbortLatencyMs(), 2)}) +
-                    "\n";
+        text += phase.request.title + "\n";
+        for (const SLane& lane : phase.Lanes())
+            text += "  " + Padded(LaneText(lane), width + 2) + Cells(phase, lane) + "\n";
+        for (const std::string& note : Notes(phase))
+            text += "    " + note + "\n";
     }
     return text;
+}
+
+std::vector<std::string> Notes(const SPhase& phase)
+{
+    std::vector<std::string> notes;
+    if (!phase.refusal.empty())
+        notes.push_back("not started: " + phase.refusal);
+    if (phase.withoutAreas)
+        notes.push_back(s_withoutAreas);
+    if (phase.throughBeampath && phase.lights.size() > 1)
+        notes.push_back("start skew " + Number(phase.StartSkewMs(), 2) + " ms, end skew " +
+                        Number(phase.EndSkewMs(), 2) + " ms");
+    std::string signals;
+    for (const SSignal& signal : phase.signals)
+        signals += (signals.empty() ? "codes and OC commands: " : ", ") + SignalText(signal) + " at " +
+                   Number(signal.timeMs, 1);
+    if (!signals.empty())
+        notes.push_back(signals);
+    for (const SMessage& message : phase.messages)
+        notes.push_back("log at " + Number(message.timeMs, 1) + ": " + message.text);
+    if (phase.RefusedPatterns())
+        notes.push_back("sub-beampaths take no repeated patterns: status " + std::to_string(phase.status) +
+                        (phase.lights.empty() ? ", nothing was fired" : ""));
+    return notes;
 }
 
 std::string ReportJson(const SReport& report)
@@ -158,18 +232,28 @@ std::string ReportJson(const SReport& report)
 std::string WhyFailed(const SPhase& phase)
 {
     const std::string what = phase.request.title + ": ";
-    if (phase.device.empty())
-        return what + "no device is active";
+    if (!phase.refusal.empty())
+        return what + phase.refusal;
     if (phase.startStatus != 0)
         return what + phase.device + " was not started, status " + std::to_string(phase.startStatus);
     if (!phase.leftOn.empty())
         return what + "the light of " + Names(phase.leftOn) + " is still on";
+    if (!phase.StrayLights().empty())
+        return what + Names(phase.StrayLights()) + " lit, which the beampath does not have";
     if (phase.gaveUp)
         return what + phase.device + " did not answer in time and was given up";
+    if (phase.withoutAreas)
+        return what + phase.device + ": " + s_withoutAreas;
+    if (phase.RefusedPatterns())
+        return what + "sub-beampaths take no repeated patterns, status " + std::to_string(phase.status);
     if (!phase.faults.empty())
         return what + phase.faults.front();
-    if (phase.status == 0 && phase.WasDark())
-        return what + phase.device + " gave no light";
+    if (!phase.FailedDevices().empty())
+        return what + Names(phase.FailedDevices()) + " failed, as the log says";
+    if (!phase.LateDevices().empty())
+        return what + Names(phase.LateDevices()) + " was late";
+    if (phase.status == 0 && !phase.DarkDevices().empty())
+        return what + Names(phase.DarkDevices()) + " gave no light";
     if (!phase.Succeeded())
         return what + phase.device + " failed, status " + std::to_string(phase.status);
     return {};

@@ -1,7 +1,7 @@
 // What was asked beside what was measured: as a table and as JSON.
 #pragma once
 
-#include "stimhost/Stimulation.h"
+#include "stimhost/Phase.h"
 
 #include <string>
 #include <vector>
@@ -31,6 +31,8 @@ struct SReport
 SReport ReportOf(const QsStandalone::SRig& rig);
 
 std::string Table(const std::vector<SPhase>& phases);
+// What is to be said of a phase beside its lanes: skews, what the manager told its host and when, messages of the log.
+std::vector<std::string> Notes(const SPhase& phase);
 std::string ReportJson(const SReport& report);
 
 // One line that says why a phase did not succeed; empty when it did.

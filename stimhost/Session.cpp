@@ -1,13 +1,16 @@
 #include "stimhost/Session.h"
 
 #include "manager/StimulationManager.h"
+#include "platform/ThreadSafety.h"
 #include "platform/posix/Control.h"
+#include "standalone/DeviceDatabase.h"
 #include "standalone/DeviceManager.h"
 #include "standalone/DiagnosticLog.h"
 #include "standalone/HostControl.h"
 #include "standalone/Journal.h"
 #include "standalone/PluginManager.h"
 #include "stimhost/Bounded.h"
+#include "stimhost/Database.h"
 #include "stimhost/Folders.h"
 #include "stimhost/ShutterAttachment.h"
 #include "stimhost/Text.h"
@@ -17,9 +20,11 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 
 namespace Stimhost {
 
+using QsStandalone::CQsDeviceDatabase;
 using QsStandalone::CQsDeviceManager;
 using QsStandalone::CQsDiagnosticLog;
 using QsStandalone::CQsModules;
@@ -28,6 +33,27 @@ using QsStandalone::SRigDevice;
 namespace {
 
 constexpr const char* notConnected = R"({"connected": false})";
+
+// Commands about beampaths need a rig with a device database where no rig is named.
+std::string DefaultRig(const SOptions& options)
+{
+    const std::string& command = options.command;
+    const bool needsDatabase = command == "demo" || command == "beampaths" || command.compare(0, 3, "oc ") == 0 ||
+                               command.compare(0, 7, "groups ") == 0 || options.oc || !options.database.empty();
+    return RigOfProgram(needsDatabase ? "beampaths.json" : "demo.json");
+}
+
+CQsMutex s_devicesLock;
+// Every device that the session made, with a reference of ours: which the manager lists at the moment may be changing
+// when all of them have to be put out. Never released.
+std::vector<IQsStimulationDevice*> s_devices QS_GUARDED_BY(s_devicesLock);
+
+void KeepForTheEnd(IQsStimulationDevice& device)
+{
+    CQsRTTI::AddRef(&device);
+    const CQsScopedLock<CQsMutex> hold(s_devicesLock);
+    s_devices.push_back(&device);
+}
 
 bool Fail(std::string& error, const std::string& text)
 {
@@ -65,17 +91,18 @@ bool CSession::Open(const SOptions& options, bool withRig, std::string& error)
     if (!withRig)
         return true;
 
-    const std::string path = options.rig.empty() ? DemoRig() : options.rig;
+    const std::string path = options.rig.empty() ? DefaultRig(options) : options.rig;
     if (path.empty())
     {
-        error = "the demo rig is not installed; name a rig with --rig FILE";
+        error = "the rig of the program is not installed; name one with --rig FILE";
         return false;
     }
     if (!QsStandalone::ReadRig(path, m_rig, error) || !ScanModules(options, error) || !AddHostDevices(error))
         return false;
     if (!m_rig.translations.empty() && !QsStandalone::LoadTranslations(m_rig.translations, error))
         return false;
-    if (!AnnounceStaticDevices(error))
+    // After the host's devices, whose database ids it must not contradict.
+    if (!OpenDatabase(options, m_rig, error) || !AnnounceStaticDevices(error))
         return false;
     m_manager = CQsStimulationDeviceManager::GetInstance();
     if (!AddShutters(error) || !AddDevices(error))
@@ -87,9 +114,10 @@ bool CSession::Open(const SOptions& options, bool withRig, std::string& error)
 bool CSession::OpenLog(const SOptions& options, std::string& error)
 {
     using QsStandalone::ELogLevel;
-    CQsDiagnosticLog::SetLevel(options.logLevel == "off"        ? ELogLevel::Off
-                               : options.logLevel == "detailed" ? ELogLevel::Detailed
-                                                                : ELogLevel::Normal);
+    CQsDiagnosticLog::SetLevel(options.logLevel == "detailed" ? ELogLevel::Detailed : ELogLevel::Normal);
+    // Off means that nobody reads it; what a beampath's devices complain of is only logged, and reports need that.
+    if (options.logLevel == "off")
+        return true;
     CQsDiagnosticLog::ToStderr(options.verbose);
     constexpr std::uint64_t longest = 4u << 20;
     return options.logFile.empty() || CQsDiagnosticLog::ToFile(options.logFile, longest, 4, error);
@@ -146,6 +174,12 @@ bool CSession::AnnounceStaticDevices(std::string& error)
     {
         if (device.list != "static")
             continue;
+        if (CQsDeviceDatabase::IsOpen())
+        {
+            Complain("not used: " + m_rig.path + ": device class \"" + device.className +
+                     "\": with a device database there are no static devices, list it as simple or special");
+            continue;
+        }
         QsStandalone::SetDeviceSettings(device.className, SettingsOf(device));
         if (!CQsModules::LoadModuleOfClass(device.className, error))
             return Fail(error, m_rig.path + ": device class \"" + device.className + "\": " + error);
@@ -157,6 +191,12 @@ bool CSession::AddShutters(std::string& error)
 {
     for (const QsStandalone::SRig::SStimulationShutter& shutter : m_rig.stimulationShutters)
     {
+        if (shutter.list == "list" && CQsDeviceDatabase::IsOpen())
+        {
+            Complain("not used: " + m_rig.path + ": shutter " + std::to_string(shutter.logDevId) +
+                     ": with a device database there is no list of shutters, list it as simple");
+            continue;
+        }
         int status = QS_ERR_FAIL;
         IQsStimulationDevice* device = AttachNewShutter(shutter.logDevId, status);
         if (device == nullptr || status != QS_OK)
@@ -164,6 +204,7 @@ bool CSession::AddShutters(std::string& error)
             return Fail(error, m_rig.path + ": shutter " + std::to_string(shutter.logDevId) +
                                    " cannot become a stimulation device, status " + std::to_string(status));
         }
+        KeepForTheEnd(*device);
         if (shutter.list == "list")
         {
             m_manager->UnregisterSimpleStimulationDevice(device); // attaching has registered it
@@ -198,6 +239,7 @@ bool CSession::AddDevices(std::string& error)
             CQsRTTI::Release(device);
             return false;
         }
+        KeepForTheEnd(*device);
         if (setup.list == "special")
             m_manager->SpecialDevicesAdd(device); // these two take over our reference
         else if (setup.list == "option")
@@ -230,16 +272,28 @@ std::vector<std::string> LeaveNoLight()
     for (const std::string& open : CQsDeviceManager::CloseAllShutters())
         if (std::find(lit.begin(), lit.end(), open) == lit.end())
             lit.push_back(open);
-    // Whatever the journal says: it knows the lights of simulated devices only. Handing in no device waits for the
-    // worker of a stimulation that still runs.
+    // Whatever the journal says: it knows the lights of simulated devices only. Each device is told on a thread of its
+    // own, so that one which hangs does not keep the others lit; handing in no device waits for the worker of a
+    // stimulation that still runs.
+    std::vector<std::function<void()>> calls;
+    {
+        const CQsScopedLock<CQsMutex> hold(s_devicesLock);
+        for (IQsStimulationDevice* const device : s_devices)
+            calls.push_back([device] { Ask([device] { return device->StimulationAbort(); }); });
+    }
     if (CQsStimulationDeviceManager* manager = CQsStimulationDeviceManager::InstanceIfExists())
-        RunBounded(1000.0,
-                   [manager]
-                   {
-                       if (IQsStimulationDevice* device = manager->GetActive())
-                           Ask([device] { return device->StimulationAbort(); });
-                       manager->SpecialDevicesAdd(nullptr);
-                   });
+    {
+        // A beampath wakes the paths without a device, too, and holds back what has not begun.
+        calls.push_back([manager] { Ask([manager] { return manager->StimulationAbort(); }); });
+        calls.push_back(
+            [manager]
+            {
+                if (IQsStimulationDevice* device = manager->GetActive())
+                    Ask([device] { return device->StimulationAbort(); });
+                manager->SpecialDevicesAdd(nullptr);
+            });
+    }
+    RunAllBounded(1000.0, calls);
     return lit;
 }
 

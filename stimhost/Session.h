@@ -14,8 +14,8 @@ namespace Stimhost {
 class CSession
 {
 public:
-    // Log, registry and, when `withRig`, the rig's devices and the manager. False, with one line, when the input is
-    // bad.
+    // Log, registry and, when `withRig`, the rig's devices, the device database and the manager. False, with one line,
+    // when the input is bad.
     bool Open(const SOptions& options, bool withRig, std::string& error);
 
     // Null before Open with a rig.
@@ -39,8 +39,9 @@ private:
 // Both roots below the folder, from now on.
 void UseRegistryFolder(const std::string& folder);
 
-// Names of the lights that are on. Closes every shutter, aborts the active device, ends hangs, and waits for a
-// stimulation that still runs. Call it on every way out: a device that does not answer is given up after a second.
+// Names of the lights that are on. Closes every shutter, ends hangs, aborts every device of the session and the active
+// beampath, and waits for a stimulation that still runs. Call it on every way out: what does not answer is given up
+// after a second. [any thread]
 std::vector<std::string> LeaveNoLight();
 
 } // namespace Stimhost

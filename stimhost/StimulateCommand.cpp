@@ -1,7 +1,9 @@
 #include "manager/StimulationManager.h"
+#include "standalone/DeviceDatabase.h"
 #include "stimhost/Commands.h"
 #include "stimhost/Report.h"
 #include "stimhost/Session.h"
+#include "stimhost/Stimulation.h"
 #include "stimhost/Text.h"
 #include "stimhost/Timeline.h"
 
@@ -48,8 +50,16 @@ bool WriteFiles(const SOptions& options, const SReport& report)
 int Stimulate(const SOptions& options, CSession& session)
 {
     CQsStimulationDeviceManager& manager = *session.Manager();
+    if (options.device && QsStandalone::CQsDeviceDatabase::IsOpen())
+    {
+        Complain(
+            "with a device database stimulations go through a beampath; choose one with --oc in place of --device");
+        return eExitBadUse;
+    }
     if (options.device && !ActivateByName(manager, *options.device))
         return eExitBadUse;
+    if (const std::optional<int> code = ApplyOC(options, manager))
+        return *code;
 
     int code = eExitDone;
     SReport report = ReportOf(session.Rig());

@@ -1,9 +1,12 @@
 #include "stimhost/Stimulation.h"
 
+#include "beampath/StimulationDeviceAggregator.h"
 #include "manager/StimulationManager.h"
 #include "platform/Process.h"
 #include "platform/ThreadSafety.h"
+#include "standalone/DeviceDatabase.h"
 #include "standalone/DeviceManager.h"
+#include "standalone/DiagnosticLog.h"
 #include "standalone/Journal.h"
 #include "stimhost/Bounded.h"
 #include "stimhost/Interruption.h"
@@ -22,8 +25,8 @@ namespace Stimhost {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using QsStandalone::CQsDiagnosticLog;
 using QsStandalone::CQsJournal;
-using QsStandalone::EJournalKind;
 
 Clock::duration Milliseconds(double ms)
 {
@@ -294,28 +297,6 @@ void CRun::Collect(SPhase& phase)
         phase.reportedEndMs.push_back(FromStart(end, m_startedMs));
 }
 
-// Pairs of on and off of each device since the start, in order of first light.
-std::vector<SMeasured> MeasuredLights(std::size_t firstEntry, double startedMs)
-{
-    std::vector<SMeasured> lights;
-    for (const QsStandalone::SJournalEntry& entry : CQsJournal::EntriesFrom(firstEntry))
-    {
-        auto light = std::find_if(lights.begin(), lights.end(),
-                                  [&entry](const SMeasured& known) { return known.device == entry.device; });
-        if (entry.kind == EJournalKind::LightOn)
-        {
-            if (light == lights.end())
-                light = lights.insert(lights.end(), SMeasured{entry.device, {}});
-            if (light->pulses.empty() || !std::isnan(light->pulses.back().offMs))
-                light->pulses.push_back({entry.timeMs - startedMs, s_noTime});
-        }
-        else if (entry.kind == EJournalKind::LightOff && light != lights.end() &&
-                 std::isnan(light->pulses.back().offMs))
-            light->pulses.back().offMs = entry.timeMs - startedMs;
-    }
-    return lights;
-}
-
 // A line that rewrites itself while a person waits for more than a second.
 class CProgress
 {
@@ -390,49 +371,57 @@ bool AwaitAnswer(CRun& run, const SRequest& request)
     return false;
 }
 
+// What stimulates: the device, and its name. Null, with the reason, when the manager would find none, and count as
+// running for ever.
+IQsStimulationDevice* FindDevice(CQsStimulationDeviceManager& manager, SPhase& phase)
+{
+    phase.throughBeampath = QsStandalone::CQsDeviceDatabase::IsOpen();
+    if (!phase.throughBeampath)
+    {
+        CQsStimulationDeviceManager::SQsInfo info;
+        IQsStimulationDevice* const device = manager.GetActive(info);
+        phase.device = ToUtf8(info.sName);
+        phase.refusal = device == nullptr ? "no device is active" : "";
+        return device;
+    }
+    phase.device = ToUtf8(manager.GetActiveStimulationBeampathName());
+    std::vector<SSubbeampath> paths;
+    CQsStimulationDeviceAggregator* const device = ActiveBeampath(manager, paths, phase.refusal);
+    for (SSubbeampath& path : paths)
+        phase.paths.push_back({std::move(path), false, false});
+    return device;
+}
+
+// The diagnostic log of its lifetime.
+class CLogKeeper
+{
+public:
+    CLogKeeper() { CQsDiagnosticLog::ToMemory(true); }
+    ~CLogKeeper() { CQsDiagnosticLog::ToMemory(false); }
+    CLogKeeper(const CLogKeeper&) = delete;
+    CLogKeeper& operator=(const CLogKeeper&) = delete;
+};
+
 } // namespace
-
-double SMeasured::LitMs() const
-{
-    double lit = 0.0;
-    for (const SPulse& pulse : pulses)
-        lit += pulse.offMs - pulse.onMs;
-    return lit;
-}
-
-double SPhase::AbortLatencyMs() const
-{
-    double latest = s_noTime;
-    for (const SMeasured& light : lights)
-        for (const SPulse& pulse : light.pulses)
-            if (pulse.onMs <= abortCalledMs && pulse.offMs >= abortCalledMs && !(pulse.offMs <= latest))
-                latest = pulse.offMs;
-    return latest - abortCalledMs;
-}
-
-double SPhase::SkewMs() const
-{
-    if (lights.size() < 2)
-        return s_noTime;
-    const auto [first, last] = std::minmax_element(
-        lights.begin(), lights.end(), [](const SMeasured& a, const SMeasured& b) { return a.BeginMs() < b.BeginMs(); });
-    return last->BeginMs() - first->BeginMs();
-}
 
 SPhase RunStimulation(CQsStimulationDeviceManager& manager, const SRequest& request)
 {
     SPhase phase;
     phase.request = request;
     phase.request.whileRunning = nullptr; // it may use what is gone when the phase is read
-    CQsStimulationDeviceManager::SQsInfo info;
-    IQsStimulationDevice* device = manager.GetActive(info);
+    IQsStimulationDevice* const device = FindDevice(manager, phase);
     if (device == nullptr)
     {
-        phase.startStatus = QS_ERR_FAIL; // the manager would count as running for ever
+        phase.startStatus = QS_ERR_FAIL;
         return phase;
     }
-    phase.device = ToUtf8(info.sName);
 
+    phase.withoutAreas = request.kind == EKind::Timed &&
+                         device->StimulationModeGet() == IQsStimulationDevice::s_modeRepeatedPatterns &&
+                         device->StimulationAreaGetCount() == 0;
+
+    const CLogKeeper log;
+    CSignalListener signals(manager);
     const std::size_t firstEntry = CQsJournal::Count();
     const auto run = std::make_shared<CRun>(manager, *device, request);
     const CInterruptionHook hook([run] { run->Abort(true); }, [run] { run->Stop(); });
@@ -451,8 +440,12 @@ SPhase RunStimulation(CQsStimulationDeviceManager& manager, const SRequest& requ
     phase.lights = MeasuredLights(firstEntry, phase.startedMs);
     phase.leftOn = CQsJournal::LitDevices();
     for (const QsStandalone::SJournalEntry& entry : CQsJournal::EntriesFrom(firstEntry))
-        if (entry.kind == EJournalKind::Fault)
+        if (entry.kind == QsStandalone::EJournalKind::Fault)
             phase.faults.push_back(entry.device + ": " + entry.text);
+    phase.signals = signals.Take();
+    for (SSignal& signal : phase.signals)
+        signal.timeMs -= phase.startedMs;
+    phase.Evaluate(CQsDiagnosticLog::MemoryLines());
     return phase;
 }
 

@@ -148,8 +148,7 @@ CJson& CJson::Text(const char* key, const std::string& value)
 CJson& CJson::Integer(const char* key, long long value)
 {
     Key(key);
-    m_writer.Int64(value);
-    return *this;
+    return Whole(value);
 }
 
 CJson& CJson::Flag(const char* key, bool value)
@@ -180,6 +179,12 @@ CJson& CJson::Element(double ms)
     }
     const std::string text = Number(ms);
     m_writer.RawValue(text.data(), text.size(), rapidjson::kNumberType);
+    return *this;
+}
+
+CJson& CJson::Whole(long long value)
+{
+    m_writer.Int64(value);
     return *this;
 }
 

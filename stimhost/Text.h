@@ -55,6 +55,7 @@ public:
     CJson& Time(const char* key, double ms);
     CJson& Element(const std::string& value);
     CJson& Element(double ms);
+    CJson& Whole(long long value); // as an element
 
     std::string Take(); // the document with a line end
 

@@ -1,5 +1,6 @@
 #include "stimhost/Timeline.h"
 
+#include "stimhost/Report.h"
 #include "stimhost/Text.h"
 
 #include <algorithm>
@@ -21,6 +22,9 @@ constexpr double s_laneHeight = 34.0;
 constexpr double s_barHeight = 14.0;
 constexpr double s_bandHeight = 24.0;
 constexpr double s_axisHeight = 30.0;
+constexpr double s_noteHeight = 15.0;
+constexpr double s_noteMargin = 4.0;
+constexpr std::size_t s_noteLength = 150; // characters
 constexpr double s_panelGap = 22.0;
 constexpr std::size_t s_mostPanels = 24;
 
@@ -103,8 +107,9 @@ private:
     void Header(const std::string& title, double height);
     void Panel(const SPhase& phase);
     void Axis(double top, double bottom);
-    void Requested(const SPhase& phase, const std::string& device, double middle);
-    void Lane(const SPhase& phase, const SMeasured& light, double middle);
+    void Lane(const SPhase& phase, const SLane& lane, double middle);
+    void Light(const SPhase& phase, const SMeasured& light, double middle, double textY);
+    void State(const SLane& lane, double middle);
     void Abort(const SPhase& phase, double top, double bottom);
     double X(double ms) const { return s_plotLeft + (s_plotRight - s_plotLeft) * ms / m_spanMs; }
     const char* Colour(const std::string& device);
@@ -115,14 +120,11 @@ private:
     double m_spanMs = 1.0;
 };
 
-std::size_t Lanes(const SPhase& phase)
-{
-    return std::max<std::size_t>(1, phase.lights.size());
-}
-
 double PanelHeight(const SPhase& phase)
 {
-    return s_panelTitle + s_laneHeight * static_cast<double>(Lanes(phase)) + s_axisHeight;
+    const std::size_t notes = Notes(phase).size();
+    return s_panelTitle + s_laneHeight * static_cast<double>(phase.Lanes().size()) + s_axisHeight +
+           (notes != 0 ? s_noteMargin + s_noteHeight * static_cast<double>(notes) : 0.0);
 }
 
 CTimeline::CTimeline(const std::string& title, const std::vector<SPhase>& phases)
@@ -194,20 +196,22 @@ void CTimeline::Panel(const SPhase& phase)
     m_text += TextAt(s_width - s_margin, m_y + 22.0, "end against due", "class=\"note\" text-anchor=\"end\"");
 
     const double top = m_y + s_panelTitle;
-    const double bottom = top + s_laneHeight * static_cast<double>(Lanes(phase));
+    const std::vector<SLane> lanes = phase.Lanes();
+    const double bottom = top + s_laneHeight * static_cast<double>(lanes.size());
     Axis(top, bottom);
     double middle = top + s_laneHeight / 2.0;
-    for (const SMeasured& light : phase.lights)
+    for (const SLane& lane : lanes)
     {
-        Lane(phase, light, middle);
+        Lane(phase, lane, middle);
         middle += s_laneHeight;
     }
-    if (phase.lights.empty())
-    {
-        Requested(phase, phase.device, middle);
-        m_text += TextAt(s_plotRight + 16.0, middle + 4.0, "no light", "class=\"abort\"");
-    }
     Abort(phase, top, bottom);
+    double y = bottom + s_axisHeight + 6.0;
+    for (const std::string& note : Notes(phase))
+    {
+        m_text += TextAt(s_margin, y, Shortened(note, s_noteLength), "class=\"note\"");
+        y += s_noteHeight;
+    }
     m_y += height + s_panelGap;
 }
 
@@ -224,31 +228,43 @@ void CTimeline::Axis(double top, double bottom)
     }
 }
 
-void CTimeline::Requested(const SPhase& phase, const std::string& device, double middle)
+void CTimeline::Lane(const SPhase& phase, const SLane& lane, double middle)
 {
-    m_text += TextAt(s_margin, middle + 4.0, Shortened(device, 24), "");
+    constexpr std::size_t longestName = 24;
+    const bool twoLines = !lane.device.empty() && lane.device != lane.name;
+    m_text += TextAt(s_margin, twoLines ? middle - 2.0 : middle + 4.0, Shortened(lane.name, longestName), "");
+    if (twoLines)
+        m_text += TextAt(s_margin, middle + 11.0, Shortened(lane.device, longestName), "class=\"note\"");
     m_text += Rectangle(X(0.0), middle - s_bandHeight / 2.0, X(phase.request.durationMs) - X(0.0), s_bandHeight,
                         "class=\"band\"");
+    if (lane.light != nullptr)
+        Light(phase, *lane.light, middle, lane.state.empty() ? middle + 4.0 : middle - 2.0);
+    State(lane, middle);
 }
 
-void CTimeline::Lane(const SPhase& phase, const SMeasured& light, double middle)
+void CTimeline::Light(const SPhase& phase, const SMeasured& light, double middle, double textY)
 {
-    Requested(phase, light.device, middle);
     const std::string fill = std::string("rx=\"1.5\" fill=\"") + Colour(light.device) + "\"";
     for (const SPulse& pulse : light.pulses)
     {
-        const bool on = std::isnan(pulse.offMs);
-        const double end = on ? m_spanMs : pulse.offMs;
+        const double end = std::isnan(pulse.offMs) ? m_spanMs : pulse.offMs;
         m_text += Rectangle(X(pulse.onMs), middle - s_barHeight / 2.0, std::max(1.0, X(end) - X(pulse.onMs)),
                             s_barHeight, fill);
     }
     const bool leftOn = std::isnan(light.EndMs());
-    m_text += TextAt(s_plotRight + 16.0, middle + 4.0, leftOn ? "left on" : Number(light.LitMs(), 1) + " ms",
+    m_text += TextAt(s_plotRight + 16.0, textY, leftOn ? "left on" : Number(light.LitMs(), 1) + " ms",
                      leftOn ? "class=\"abort\"" : "");
     const double late = light.EndMs() - phase.DueMs();
     if (!leftOn)
-        m_text += TextAt(s_width - s_margin, middle + 4.0, (late >= 0.0 ? "+" : "") + Number(late, 1) + " ms",
+        m_text += TextAt(s_width - s_margin, textY, (late >= 0.0 ? "+" : "") + Number(late, 1) + " ms",
                          "text-anchor=\"end\"");
+}
+
+void CTimeline::State(const SLane& lane, double middle)
+{
+    if (!lane.state.empty())
+        m_text += TextAt(s_plotRight + 16.0, lane.light != nullptr ? middle + 11.0 : middle + 4.0, lane.state,
+                         lane.wrong ? "class=\"abort\"" : "class=\"note\"");
 }
 
 void CTimeline::Abort(const SPhase& phase, double top, double bottom)

@@ -32,7 +32,14 @@ QS_HOST_API bool ListRegistry(HKEY root, std::vector<SRegistryValue>& values, st
 // The next `count` creations of a thread / of an event fail.
 QS_HOST_API void FailThreadCreations(unsigned count);
 QS_HOST_API void FailEventCreations(unsigned count);
-// CloseHandle calls so far that closed something.
+// The next `count` items are not queued.
+QS_HOST_API void FailPoolItems(unsigned count);
+// CloseHandle calls / DeleteObject calls so far that closed something.
 QS_HOST_API std::uint64_t ClosedHandles();
+QS_HOST_API std::uint64_t DeletedObjects();
+// Threads of the pool that exist now.
+QS_HOST_API unsigned PoolThreads();
+// After how long without an item a thread of the pool ends, for threads that become idle later; 30 s at first.
+QS_HOST_API void SetPoolIdleTime(unsigned milliseconds);
 
 } // namespace QsPlatform

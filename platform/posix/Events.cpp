@@ -81,6 +81,7 @@ CQsMutex g_groupLock;
 
 std::atomic<unsigned> g_failures{0};
 std::atomic<std::uint64_t> g_closed{0};
+std::atomic<std::uint64_t> g_deleted{0};
 
 HANDLE HandleOf(const SObject& object) QS_REQUIRES(object.lock)
 {
@@ -166,6 +167,14 @@ bool Close(HANDLE handle, EKind kind)
     object->kind = EKind::Free;
     FreeIfUnused(*object);
     return true;
+}
+
+BOOL CloseEvent(HANDLE handle, std::atomic<std::uint64_t>& count)
+{
+    if (!Close(handle, EKind::Event))
+        return FALSE;
+    count.fetch_add(1, std::memory_order_relaxed);
+    return TRUE;
 }
 
 // ------------------------------------------------------------------------------------------------ signals
@@ -431,10 +440,12 @@ BOOL ResetEvent(HANDLE event)
 
 BOOL CloseHandle(HANDLE handle)
 {
-    if (!Close(handle, EKind::Event))
-        return FALSE;
-    g_closed.fetch_add(1, std::memory_order_relaxed);
-    return TRUE;
+    return CloseEvent(handle, g_closed);
+}
+
+BOOL DeleteObject(HGDIOBJ object)
+{
+    return CloseEvent(object, g_deleted);
 }
 
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds)
@@ -505,6 +516,11 @@ void FailEventCreations(unsigned count)
 std::uint64_t ClosedHandles()
 {
     return g_closed.load(std::memory_order_relaxed);
+}
+
+std::uint64_t DeletedObjects()
+{
+    return g_deleted.load(std::memory_order_relaxed);
 }
 
 } // namespace QsPlatform

@@ -18,6 +18,10 @@ using LSTATUS = LONG;
 using HANDLE = void*;
 using HMODULE = void*;
 using LPVOID = void*;
+using ULONG = std::uint32_t;
+using HGDIOBJ = void*;
+#define WINAPI
+using LPTHREAD_START_ROUTINE = DWORD(WINAPI*)(LPVOID);
 using HKEY = struct HKEY__*;
 using REGSAM = DWORD;
 
@@ -44,6 +48,20 @@ QS_HOST_API DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
 // Fails for no handle, for more than MAXIMUM_WAIT_OBJECTS and for a null handle. waitAll: returns when all are
 // signalled at the same time, and only then resets the auto-reset ones.
 QS_HOST_API DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds);
+
+// The graphics-object release call, which this system also hands events to. The real one refuses what is no graphics
+// object, and an event that is given to it lives until the process ends. Here it releases the event, since events are
+// scarcer here: TRUE. FALSE for what is none.
+QS_HOST_API BOOL DeleteObject(HGDIOBJ object);
+
+// ------------------------------------------------------------------------------------------------ threads and the pool
+
+QS_HOST_API DWORD GetCurrentThreadId();
+
+constexpr ULONG WT_EXECUTELONGFUNCTION = 0x10;
+// Runs the function on a thread of the pool. Items that block do not hold others up: up to 500 run at once. FALSE when the
+// item could not be queued.
+QS_HOST_API BOOL QueueUserWorkItem(LPTHREAD_START_ROUTINE function, LPVOID context, ULONG flags);
 
 // ---------------------------------------------------------------------------------------------------------- modules
 

@@ -22,9 +22,11 @@ TEST_F(CommandLine, HelpNamesEveryExitCode)
 
 TEST_F(CommandLine, EveryCommandHasHelp)
 {
-    const std::vector<std::vector<std::string>> commands = {{"list"},           {"inspect"},      {"activate"},
-                                                            {"stimulate"},      {"demo"},         {"script", "list"},
-                                                            {"script", "call"}, {"rig", "check"}, {"registry", "show"}};
+    const std::vector<std::vector<std::string>> commands = {
+        {"list"},           {"inspect"},        {"activate"},       {"stimulate"},        {"demo"},
+        {"beampaths"},      {"script", "list"}, {"script", "call"}, {"rig", "check"},     {"rig", "init"},
+        {"rig", "import"},  {"rig", "export"},  {"oc", "show"},     {"registry", "show"}, {"oc", "set"},
+        {"groups", "show"}, {"groups", "save"}};
     for (std::vector<std::string> command : commands)
     {
         command.push_back("--help");
@@ -59,7 +61,15 @@ TEST_F(CommandLine, BadUsageGetsOneLineAndExitCodeTwo)
                                                        {"--log", "", "list"},
                                                        {"stimulate", "--report", ""},
                                                        {"stimulate", "--picture", ""},
-                                                       {"demo", "--out", ""}};
+                                                       {"demo", "--out", ""},
+                                                       {"oc"},
+                                                       {"oc", "set"},
+                                                       {"groups"},
+                                                       {"rig"},
+                                                       {"rig", "import"},
+                                                       {"stimulate", "--oc", ""},
+                                                       {"--database", "", "list"},
+                                                       {"--setup", "-1", "beampaths"}};
     for (const std::vector<std::string>& arguments : bad)
     {
         const SOutcome outcome = Stimhost(arguments);
@@ -122,13 +132,15 @@ TEST_F(CommandLine, AMissingRigIsNamed)
     EXPECT_THAT(outcome.err, HasSubstr(Path("none.json")));
 }
 
-TEST_F(CommandLine, TheDemoRigIsValid)
+TEST_F(CommandLine, TheRigsOfTheDemoAreValid)
 {
-    const SOutcome outcome = Stimhost({"rig", "check", QS_SOURCE "/examples/rigs/demo.json", "--json"});
+    const SOutcome outcome = Stimhost(
+        {"rig", "check", QS_SOURCE "/examples/rigs/demo.json", QS_SOURCE "/examples/rigs/beampaths.json", "--json"});
     EXPECT_EQ(0, outcome.exitCode) << outcome.err;
     const rapidjson::Document json = ParsedJson(outcome.out);
     ASSERT_TRUE(json.IsObject());
-    EXPECT_TRUE(json["rigs"][0]["valid"].GetBool());
+    for (const auto& rig : json["rigs"].GetArray())
+        EXPECT_TRUE(rig["valid"].GetBool()) << rig["file"].GetString();
 }
 
 TEST_F(CommandLine, ListShowsClassesDevicesAndOptions)

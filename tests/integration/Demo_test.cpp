@@ -13,21 +13,47 @@ using testing::Not;
 
 using Demo = StimhostTest;
 
-TEST_F(Demo, KeepsEveryPromiseAndWritesItsReportAndItsPicture)
+namespace {
+
+constexpr char s_deviceRig[] = QS_SOURCE "/examples/rigs/demo.json";
+
+// One bar for each pulse at least, beside the background, the legend and the panels.
+void ExpectPicture(const std::string& path, int fewestBars)
 {
-    const SOutcome outcome = Stimhost({"demo", "--out", Path("results")});
+    QXmlStreamReader svg(QByteArray::fromStdString(ReadWhole(path)));
+    std::map<std::string, int> elements;
+    while (!svg.atEnd())
+        if (svg.readNext() == QXmlStreamReader::StartElement)
+            ++elements[svg.name().toString().toStdString()];
+    EXPECT_FALSE(svg.hasError()) << svg.errorString().toStdString();
+    EXPECT_EQ(1, elements["svg"]);
+    EXPECT_GT(elements["rect"], fewestBars);
+    EXPECT_GT(elements["text"], fewestBars);
+}
+
+// Nothing broken, nothing skipped; the report.
+rapidjson::Document KeptReport(const SOutcome& outcome, const std::string& path)
+{
     EXPECT_EQ(0, outcome.exitCode) << outcome.out << outcome.err;
     EXPECT_THAT(outcome.out, Not(HasSubstr("BROKEN")));
     EXPECT_THAT(outcome.out, Not(HasSubstr("skipped")));
     EXPECT_EQ("", outcome.err);
-
-    const rapidjson::Document report = ParsedJson(ReadWhole(Path("results/report.json")));
-    ASSERT_TRUE(report.IsObject());
-    EXPECT_EQ(1, report["version"].GetInt());
+    rapidjson::Document report = ParsedJson(ReadWhole(path));
+    EXPECT_TRUE(report.IsObject());
+    EXPECT_EQ(2, report["version"].GetInt());
     EXPECT_EQ(0u, report["lightOnAtEnd"].Size());
     EXPECT_GT(report["promises"].Size(), 30u);
     for (const auto& promise : report["promises"].GetArray())
         EXPECT_TRUE(promise["kept"].GetBool()) << promise["promise"].GetString();
+    return report;
+}
+
+} // namespace
+
+TEST_F(Demo, KeepsEveryPromiseOfTheDevicesAndWritesItsReportAndItsPicture)
+{
+    const SOutcome outcome = Stimhost({"demo", "--rig", s_deviceRig, "--out", Path("results")});
+    const rapidjson::Document report = KeptReport(outcome, Path("results/report.json"));
 
     // Timed, continuous, aborted, patterns, refused second start.
     ASSERT_EQ(5u, report["phases"].Size());
@@ -45,17 +71,54 @@ TEST_F(Demo, KeepsEveryPromiseAndWritesItsReportAndItsPicture)
     EXPECT_EQ(1u, aborted);
     EXPECT_EQ(1u, continuous);
     EXPECT_EQ(1u, patterns);
+    ExpectPicture(Path("results/timeline.svg"), 15);
+}
 
-    // One bar for each pulse at least, beside the background, the legend and the panels.
-    QXmlStreamReader svg(QByteArray::fromStdString(ReadWhole(Path("results/timeline.svg"))));
-    std::map<std::string, int> elements;
-    while (!svg.atEnd())
-        if (svg.readNext() == QXmlStreamReader::StartElement)
-            ++elements[svg.name().toString().toStdString()];
-    EXPECT_FALSE(svg.hasError()) << svg.errorString().toStdString();
-    EXPECT_EQ(1, elements["svg"]);
-    EXPECT_GT(elements["rect"], 15);
-    EXPECT_GT(elements["text"], 15);
+TEST_F(Demo, KeepsEveryPromiseOfTheBeampaths)
+{
+    const SOutcome outcome = Stimhost({"demo", "--out", Path("results")});
+    const rapidjson::Document report = KeptReport(outcome, Path("results/report.json"));
+
+    // Timed, continuous, aborted, patterns, slow, gone, appeared.
+    ASSERT_EQ(7u, report["phases"].Size());
+    const auto& phases = report["phases"];
+    for (const unsigned i : {0u, 1u, 2u})
+    {
+        EXPECT_TRUE(phases[i]["succeeded"].GetBool()) << i;
+        EXPECT_EQ(4u, phases[i]["beampath"]["subbeampaths"].Size()) << i;
+        EXPECT_EQ(3u, phases[i]["measured"].Size()) << i; // one path has no device
+    }
+    EXPECT_TRUE(phases[2]["abort"]["aborted"].GetBool());
+    EXPECT_EQ(-9, phases[3]["status"].GetInt());
+    EXPECT_EQ(0u, phases[3]["measured"].Size());
+    EXPECT_EQ(0, phases[4]["status"].GetInt());
+    EXPECT_EQ(1u, phases[4]["late"].Size());
+    EXPECT_EQ(-9, phases[5]["startStatus"].GetInt());
+    EXPECT_EQ(2u, phases[6]["measured"].Size());
+    ExpectPicture(Path("results/timeline.svg"), 20);
+}
+
+TEST_F(Demo, LeavesADatabaseThatItIsGivenAsItWas)
+{
+    const std::string rig = QS_SOURCE "/examples/rigs/beampaths.json";
+    const std::string database = "sqlite:" + Path("devices.sqlite");
+    ASSERT_EQ(0, Stimhost({"rig", "import", rig, "--database", database}).exitCode);
+    ASSERT_EQ(0, Stimhost({"oc", "set", "Warm:mine", "--database", database}).exitCode);
+    ASSERT_EQ(0, Stimhost({"groups", "save", "--oc", "Bleach:x", "--assign", "1=13", "--database", database}).exitCode);
+    const std::string before = Stimhost({"rig", "export", "--database", database}).out;
+    EXPECT_EQ(0, Stimhost({"demo", "--out", Path("results"), "--database", database}).exitCode);
+    const std::string after = Stimhost({"rig", "export", "--database", database}).out;
+    // At its end every host saves the groups of the beampaths that it had, also of those that it had for a while.
+    const auto withoutGroupsOfTheOther = [](const std::string& content)
+    {
+        std::vector<std::string> parameters;
+        const rapidjson::Document json = ParsedJson(content);
+        for (const auto& parameter : json["deviceDatabase"]["parameters"].GetArray())
+            if (parameter["name"] != "CQsStimulationDeviceAggregator.StimGroupSubbeampathAssignments_2")
+                parameters.push_back(std::string(parameter["name"].GetString()) + "=" + parameter["text"].GetString());
+        return parameters;
+    };
+    EXPECT_EQ(withoutGroupsOfTheOther(before), withoutGroupsOfTheOther(after));
 }
 
 TEST_F(Demo, PrintsItsReportAsJsonOnly)
@@ -64,7 +127,7 @@ TEST_F(Demo, PrintsItsReportAsJsonOnly)
     EXPECT_EQ(0, outcome.exitCode) << outcome.err;
     const rapidjson::Document report = ParsedJson(outcome.out);
     ASSERT_TRUE(report.IsObject());
-    EXPECT_EQ(5u, report["phases"].Size());
+    EXPECT_EQ(7u, report["phases"].Size());
 }
 
 TEST_F(Demo, ExitsOneWhenALightIsLeftOn)

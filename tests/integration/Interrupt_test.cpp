@@ -1,6 +1,7 @@
 // Ctrl-C: on systems that have signals.
 #include "tests/integration/Stimhost.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 
 #include <csignal>
@@ -49,4 +50,46 @@ TEST_F(Interrupt, EndsALongStimulationPromptlyWithNoLightOn)
             EXPECT_EQ(1, process.exitCode());
             EXPECT_FALSE((err + process.readAllStandardError()).contains("a light was still on")) << kind;
         }
+}
+
+TEST_F(Interrupt, EndsABeampathPromptlyWithEveryDeviceDarkAndNoFileLeft)
+{
+    ASSERT_TRUE(QDir().mkdir(QString::fromStdString(Path("temporary"))));
+    for (const char* kind : {"timed", "continuous"})
+    {
+        QProcess process;
+        ASSERT_NO_FATAL_FAILURE(Start(process,
+                                      {"stimulate", "--rig", BeampathRig(), "--oc", "Both:x", "--kind", kind,
+                                       "--duration", "60000", "--report", Path("r.json"), "--verbose"},
+                                      {"TMPDIR=" + Path("temporary")}));
+        QByteArray err;
+        ASSERT_TRUE(WaitForLine(process, "StimulationBeginAsync: Windows Threadpool thread", err)) << err.toStdString();
+        QElapsedTimer timer;
+        timer.start();
+        ASSERT_EQ(0, ::kill(static_cast<pid_t>(process.processId()), SIGINT));
+        ASSERT_TRUE(process.waitForFinished(30000)) << kind;
+        EXPECT_LT(timer.elapsed(), 20000) << kind;
+        EXPECT_EQ(QProcess::NormalExit, process.exitStatus());
+        EXPECT_EQ(1, process.exitCode());
+        EXPECT_FALSE((err + process.readAllStandardError()).contains("a light was still on")) << kind;
+        EXPECT_EQ(0u, ParsedJson(ReadWhole(Path("r.json")))["lightOnAtEnd"].Size()) << kind;
+        EXPECT_TRUE(QDir(QString::fromStdString(Path("temporary"))).isEmpty()) << kind;
+    }
+}
+
+TEST_F(Interrupt, ComingTwiceStillPutsEveryDeviceOutAndLeavesNoFile)
+{
+    ASSERT_TRUE(QDir().mkdir(QString::fromStdString(Path("temporary"))));
+    QProcess process;
+    ASSERT_NO_FATAL_FAILURE(
+        Start(process, {"stimulate", "--rig", BeampathRig(), "--oc", "Both:x", "--duration", "60000", "--verbose"},
+              {"TMPDIR=" + Path("temporary")}));
+    QByteArray err;
+    ASSERT_TRUE(WaitForLine(process, "StimulationBeginAsync: Windows Threadpool thread", err)) << err.toStdString();
+    ASSERT_EQ(0, ::kill(static_cast<pid_t>(process.processId()), SIGINT));
+    ASSERT_EQ(0, ::kill(static_cast<pid_t>(process.processId()), SIGTERM));
+    ASSERT_TRUE(process.waitForFinished(30000));
+    EXPECT_EQ(QProcess::NormalExit, process.exitStatus());
+    EXPECT_EQ(1, process.exitCode());
+    EXPECT_TRUE(QDir(QString::fromStdString(Path("temporary"))).isEmpty());
 }

@@ -18,8 +18,10 @@ struct SOutcome
     std::string err;
 };
 
-// Runs a program to its end, at most a minute.
-SOutcome RunProgram(const std::string& program, const std::vector<std::string>& arguments);
+// Runs a program to its end, at most a minute. `environment` holds further settings, as NAME=VALUE; a database that the
+// caller's environment names does not reach it.
+SOutcome RunProgram(const std::string& program, const std::vector<std::string>& arguments,
+                    const std::vector<std::string>& environment = {});
 
 // One stimhost with a registry and files of its own, in a folder that goes with the test.
 class StimhostTest : public testing::Test
@@ -28,8 +30,9 @@ protected:
     void SetUp() override { ASSERT_TRUE(m_folder.isValid()); }
 
     // Arguments after the registry of this test.
-    SOutcome Stimhost(const std::vector<std::string>& arguments);
-    void Start(QProcess& process, const std::vector<std::string>& arguments);
+    SOutcome Stimhost(const std::vector<std::string>& arguments, const std::vector<std::string>& environment = {});
+    void Start(QProcess& process, const std::vector<std::string>& arguments,
+               const std::vector<std::string>& environment = {});
 
     std::string Path(const std::string& name) const
     {
@@ -39,6 +42,17 @@ protected:
     std::string File(const std::string& name, const std::string& text) const;
     // A rig of one shutter with id 1, named "Blue"; `faults` are further members of it.
     std::string ShutterRig(const std::string& faults = {}) const;
+    // A rig with a device database of one setup with the hardware configurations 1 and 2 and the users 1 and 2.
+    //
+    //   beampath      on in  sub-beampaths
+    //   1 "Both"      1      11 "Blue" and 12 "Red", with shutters of 2 and 20 ms, and 14 "Bare", without a device
+    //   2 "Late"      1, 2   11 and 15 with the device "Slow", which needs 300 ms to begin
+    //   3 "Other"     2      11 and 12
+    //   4 "Fails"     1, 2   11 and 16 with the device "Failing", which cannot begin
+    //   5 "Shots"     1, 2   itself, with the device "Mirrors", which fires patterns
+    std::string BeampathRig() const;
+    // The same as a database in a file of the test's, as --database takes it.
+    std::string BeampathDatabase();
 
 private:
     QTemporaryDir m_folder;

@@ -244,6 +244,8 @@ ManagerTest::~ManagerTest()
     QsPlatform::RefuseRegistry(HKEY_LOCAL_MACHINE, false);
     EmptyManager();
     Access::DeleteInstance();
+    for (const auto& device : m_devices)
+        EXPECT_EQ(1u, QsStandalone::ReferenceCount(device.get())) << device->sName.ToUtf8();
     m_devices.clear();
     QsStandalone::SetDeviceDatabaseInitialized(false);
     QsStandalone::SetTimeCounter(nullptr);
@@ -260,12 +262,7 @@ void ManagerTest::EmptyManager()
     if (manager == nullptr)
         return;
     CWatchdog watchdog("the end of the test");
-    for (const auto& device : m_devices)
-    {
-        // Hooks of the test may refer to what is gone by now.
-        device->ReleaseBegin();
-        device->onSetActive = nullptr;
-    }
+    FreeDevices();
     EXPECT_TRUE(WaitIdle());
     for (const auto& device : m_devices)
         EXPECT_EQ(0, manager->UnregisterSimpleStimulationDevice(device.get()));
@@ -280,6 +277,15 @@ void ManagerTest::EmptyManager()
         CQsRTTI::Release(info.pDevice);
     }
     EXPECT_EQ(-13, manager->Update());
+}
+
+void ManagerTest::FreeDevices()
+{
+    for (const auto& device : m_devices)
+    {
+        device->ReleaseBegin();
+        device->onSetActive = nullptr;
+    }
 }
 
 CQsStringW ManagerTest::ThisProgram()

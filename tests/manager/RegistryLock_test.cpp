@@ -165,6 +165,44 @@ TEST_F(RegistryLock, IsLentToTheWorkerOfTheInnermostWaitAndThenOfTheOuterOneAgai
     EXPECT_TRUE(IsThrough(first, s_patience));
 }
 
+// Who aborts the devices of a stimulation that it waits for waits for those aborts too, and for both without a step of
+// its own between them.
+TEST_F(RegistryLock, IsLentToBothWhomOneHoldWaitsFor)
+{
+    std::future<void> other; // ends after the scope
+    const Scope scope(m_lock);
+    const Parked parked(m_lock, s_run);
+    {
+        const Parked inner(m_lock, s_otherRun);
+        EXPECT_TRUE(IsThrough(LockOnAnotherWorker(m_lock), s_patience));
+        EXPECT_TRUE(IsThrough(LockOnWorker(m_lock), s_patience));
+    }
+    EXPECT_TRUE(IsThrough(LockOnWorker(m_lock), s_patience));
+    other = LockOnAnotherWorker(m_lock);
+    EXPECT_FALSE(IsThrough(other, s_keptOut));
+}
+
+// A thread that waits for what another one is inside of.
+TEST_F(RegistryLock, IsLentToTheOneThreadThatItsOwnerWaitsFor)
+{
+    std::promise<std::thread::id> id;
+    std::promise<void> parkedNow;
+    std::future<void> stranger;
+    std::future<void> other = std::async(std::launch::async,
+                                         [&]
+                                         {
+                                             id.set_value(std::this_thread::get_id());
+                                             parkedNow.get_future().wait();
+                                             const Scope scope(m_lock);
+                                         });
+    const Scope scope(m_lock);
+    const Parked parked(m_lock, {0, id.get_future().get()});
+    stranger = LockOnWorker(m_lock);
+    parkedNow.set_value();
+    EXPECT_TRUE(IsThrough(other, s_patience));
+    EXPECT_FALSE(IsThrough(stranger, s_keptOut));
+}
+
 TEST_F(RegistryLock, IsNotLentAnyMoreWhenItsOwnerGoesOn)
 {
     std::future<void> other;

@@ -128,7 +128,9 @@ TEST_F(WaitForEnd, ServesSeveralWaitersAtOnceAndAfterwards)
     EXPECT_EQ(0, Wait(0, true));
 }
 
-TEST_F(WaitForEndOnDatabase, GoesOnPollingWhenThereIsNoDeviceToAbort)
+// The optical configuration may change in the middle of a stimulation. Aborting what is active now would leave the light of
+// what runs on until its end.
+TEST_F(WaitForEndOnDatabase, AbortsWhatRunsWhenNoBeampathIsActiveAnyMore)
 {
     CProbeDevice& beampath = Make<CProbeDevice>(L"beampath");
     beampath.bBeginBlocks = true;
@@ -136,13 +138,27 @@ TEST_F(WaitForEndOnDatabase, GoesOnPollingWhenThereIsNoDeviceToAbort)
     Access::SetActiveBeampathId(M(), 4);
     ASSERT_EQ(0, Start(m_finish));
     ASSERT_TRUE(beampath.log.WaitFor("StimulationBegin(2, 1)"));
-    Access::SetActiveBeampathId(M(), -1); // the optical configuration changed meanwhile
-    auto waiting = std::async(std::launch::async, [] { return Wait(0, true); });
-    EXPECT_EQ(std::future_status::timeout, waiting.wait_for(milliseconds(60)));
-    beampath.ReleaseBegin();
-    ASSERT_EQ(std::future_status::ready, waiting.wait_for(s_patience));
-    EXPECT_EQ(0, waiting.get());
-    EXPECT_EQ(0u, beampath.log.Count("StimulationAbort()"));
+    Access::SetActiveBeampathId(M(), -1);
+    EXPECT_EQ(0, Wait(0, true));
+    EXPECT_GE(beampath.log.Count("StimulationAbort()"), 1u);
+    Access::SetBeampathDevices(M(), {});
+}
+
+TEST_F(WaitForEndOnDatabase, AbortsWhatRunsAndWhatIsActiveWhereTheyDiffer)
+{
+    CProbeDevice& running = Make<CProbeDevice>(L"running");
+    CProbeDevice& active = Make<CProbeDevice>(L"active");
+    running.bBeginBlocks = true;
+    Access::SetBeampathDevices(M(), {{4, &running}, {5, &active}});
+    Access::SetActiveBeampathId(M(), 4);
+    ASSERT_EQ(0, Start(m_finish));
+    ASSERT_TRUE(running.log.WaitFor("StimulationBegin(2, 1)"));
+    Access::SetActiveBeampathId(M(), 5);
+    active.iAbortResult = -7;
+    EXPECT_EQ(-7, M().StimulationAbort()); // the active one's status
+    EXPECT_EQ(1u, active.log.Count("StimulationAbort()"));
+    ASSERT_TRUE(running.log.WaitFor("StimulationAbort()"));
+    EXPECT_EQ(0, Wait(30000, false));
     Access::SetBeampathDevices(M(), {});
 }
 

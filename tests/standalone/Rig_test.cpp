@@ -151,7 +151,7 @@ TEST(Rig, GivesAbsentKeysTheDefaultsOfAShutter)
 
 TEST(Rig, ReadsTheExamples)
 {
-    for (const char* name : {"demo.json", "faults.json"})
+    for (const char* name : {"demo.json", "beampaths.json", "faults.json"})
     {
         SRig rig;
         std::string error;
@@ -164,7 +164,7 @@ TEST(Rig, ReadsTheExamples)
 TEST(Rig, NamesAnUnknownKeyWithItsLine)
 {
     EXPECT_EQ(":2: expected one of the keys format, version, name, moduleFolders, shutters, stimulationShutters, "
-              "logicalDevices, devices, translations, found \"shuters\"",
+              "logicalDevices, devices, translations, deviceDatabase, found \"shuters\"",
               ComplaintAbout("\"shuters\": []"));
     EXPECT_THAT(ComplaintAbout(ShutterWith("\n\"openLatency\": 3")),
                 testing::AllOf(StartsWith(":4: expected one of the keys id, physicalId, "),
@@ -185,7 +185,7 @@ TEST(Rig, NamesAWrongType)
     EXPECT_EQ(":3: expected every item of \"moduleFolders\" to be a text of 1 to 4096 bytes, found 5",
               ComplaintAbout("\"moduleFolders\": [\"a\",\n5]"));
     EXPECT_EQ(":1: expected an object of the keys format, version, name, moduleFolders, shutters, stimulationShutters, "
-              "logicalDevices, devices, translations, found a list",
+              "logicalDevices, devices, translations, deviceDatabase, found a list",
               Complaint("[]"));
     EXPECT_EQ(":2: expected \"settings\" to be an object, found a list",
               ComplaintAbout("\"devices\": [{\"class\": \"A\", \"settings\": []}]"));

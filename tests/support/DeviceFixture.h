@@ -1,9 +1,8 @@
 // Surroundings of a device test: a registry of its own in a temporary folder, and small helpers.
 #pragma once
 
-#include "device/StimulationDevice.h"
+#include "tests/support/CreatedDevice.h"
 
-#include <memory>
 #include <string>
 
 namespace QsTest {
@@ -21,15 +20,6 @@ public:
 private:
     std::string m_folder;
 };
-
-// A device with one counted reference, or with none where it does not count.
-using DevicePtr = std::shared_ptr<IQsStimulationDevice>;
-
-// Creates through the class registry; null when that fails.
-DevicePtr CreateDevice(const char* className);
-
-// The interface's value for an output that nothing wrote.
-constexpr double s_unwritten = -98765.25;
 
 inline IQsStimulationDevice::SQsStimulationType Request(unsigned kind, double durationMs = 0.0)
 {

@@ -21,9 +21,29 @@ struct CQsStimulationDeviceManagerTestAccess
     {
         manager.SetActiveStimulationBPId(beampathId);
     }
-    static bool AreBeampathsDirty(const Manager& manager) { return manager.m_bBeampathsDirty; }
-    // As the rebuild of the beampaths leaves the flag.
-    static void CleanBeampaths(Manager& manager) { manager.m_bBeampathsDirty = false; }
+    static bool AreBeampathsDirty(const Manager& manager)
+    {
+        return manager.m_beampathMarks != manager.m_beampathMarksBuilt;
+    }
+    // As the rebuild of the beampaths leaves the marks.
+    static void CleanBeampaths(Manager& manager) { manager.m_beampathMarksBuilt = manager.m_beampathMarks.load(); }
+    // The table as it stands, without a refresh.
+    static std::map<int, IQsStimulationDevice*> BeampathDevices(Manager& manager)
+    {
+        CQsScopedLock<CQsRecursiveMutex> lock(manager.m_lockBeampath);
+        return manager.m_beampathDevices;
+    }
+    static std::map<CQsStringW, int> BeampathIdsByName(Manager& manager)
+    {
+        CQsScopedLock<CQsRecursiveMutex> lock(manager.m_lockBeampath);
+        return manager.m_beampathIdsByName;
+    }
+    // The lookup of a system-active optical configuration, which no host's value reaches.
+    static int FindSystemActiveBeampath(Manager& manager, const CQsStringW& name)
+    {
+        CQsScopedLock<CQsRecursiveMutex> lock(manager.m_lockOCNames);
+        return manager.FindSystemActiveBeampath(name);
+    }
     static bool IsDatabaseMode(const Manager& manager) { return manager.m_bDatabaseMode; }
 
     // --- recently used names

@@ -1,0 +1,54 @@
+// What both demos share: the account, the promises, the report.
+#pragma once
+
+#include "stimhost/Options.h"
+#include "stimhost/Promises.h"
+#include "stimhost/Session.h"
+#include "stimhost/Signals.h"
+#include "stimhost/Text.h"
+
+#include <string>
+#include <vector>
+
+namespace Stimhost {
+
+class CDemoRun
+{
+public:
+    CDemoRun(CSession& session, const SOptions& options);
+
+    CQsStimulationDeviceManager& Manager() { return m_manager; }
+    const QsStandalone::SRig& Rig() const { return m_session.Rig(); }
+    const SOptions& Options() const { return m_options; }
+    CPromises& Promises() { return m_promises; }
+
+    void Heading(const std::string& text) { Say("\n" + text + "\n"); }
+    void Skipped(const std::string& text) { Say("\nskipped: " + text + "\n"); }
+
+    // Runs a stimulation under a heading of its title. The phase is the report's, valid until the next one.
+    SPhase& Run(const SRequest& request);
+    // The same, and checks what holds for every stimulation that succeeds.
+    SPhase& Stimulate(const SRequest& request);
+
+    std::vector<SSignal> TakeSignals() { return m_signals.Take(); } // since the last time
+
+    // No light is on; table, report and picture. The exit code.
+    int Finish();
+
+private:
+    CSession& m_session;
+    const SOptions& m_options;
+    CQsStimulationDeviceManager& m_manager;
+    SReport m_report;
+    CPromises m_promises;
+    CSignalListener m_signals;
+};
+
+SRequest DemoRequest(const std::string& title, EKind kind, double durationMs, std::optional<double> abortAfterMs = {});
+
+// The devices one by one, without a device database.
+void DemonstrateDevices(CDemoRun& run);
+// The beampaths of a device database.
+void DemonstrateBeampaths(CDemoRun& run);
+
+} // namespace Stimhost

@@ -1,0 +1,259 @@
+#include "tests/support/HostCalls.h"
+
+#include "host/QsDMApi.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+
+#include <dlfcn.h>
+
+namespace QsTest {
+namespace {
+
+struct SItem
+{
+    LPTHREAD_START_ROUTINE function = nullptr;
+    LPVOID context = nullptr;
+    ULONG flags = 0;
+};
+
+struct SState
+{
+    CCallLog log;
+    std::mutex lock;
+    std::condition_variable changed;
+    std::vector<SWaitCall> waits;
+    std::vector<DWORD> shortened;
+    bool bShortenAll = false;
+    std::vector<ULONG> flags;
+    std::vector<SItem> held;
+    bool bHold = false;
+    std::size_t inFlight = 0;
+};
+
+// Never destroyed: the pool's threads use it until the process ends.
+SState& State()
+{
+    static SState& state = *new SState;
+    return state;
+}
+
+// The host's own function behind the one of the same name here.
+template <class Function>
+Function Real(Function own)
+{
+    Dl_info info = {};
+    void* const found = dladdr(reinterpret_cast<void*>(own), &info) != 0 && info.dli_sname != nullptr
+                            ? dlsym(RTLD_NEXT, info.dli_sname)
+                            : nullptr;
+    if (found == nullptr || found == reinterpret_cast<void*>(own))
+        throw std::logic_error("the host's function is not found behind the test's");
+    return reinterpret_cast<Function>(found);
+}
+
+std::string Narrow(const wchar_t* text)
+{
+    return CQsStringW(text).ToUtf8();
+}
+
+// The time that the wait may really take.
+DWORD Remember(DWORD count, DWORD milliseconds)
+{
+    SState& state = State();
+    const std::lock_guard<std::mutex> lock(state.lock);
+    state.waits.push_back({count, milliseconds});
+    bool bShort = state.bShortenAll && milliseconds != INFINITE;
+    for (const DWORD shortened : state.shortened)
+        bShort = bShort || shortened == milliseconds;
+    return bShort ? 0 : milliseconds;
+}
+
+DWORD WINAPI RunItem(LPVOID context)
+{
+    const SItem item = *static_cast<SItem*>(context);
+    delete static_cast<SItem*>(context);
+    const DWORD result = item.function(item.context);
+    SState& state = State();
+    const std::lock_guard<std::mutex> lock(state.lock);
+    --state.inFlight;
+    state.changed.notify_all();
+    return result;
+}
+
+} // namespace
+
+CCallLog& CHostCalls::Log()
+{
+    return State().log;
+}
+
+std::vector<SWaitCall> CHostCalls::Waits()
+{
+    const std::lock_guard<std::mutex> lock(State().lock);
+    return State().waits;
+}
+
+std::vector<SWaitCall> CHostCalls::WaitsOf(DWORD milliseconds)
+{
+    std::vector<SWaitCall> found;
+    for (const SWaitCall& wait : Waits())
+        if (wait.milliseconds == milliseconds)
+            found.push_back(wait);
+    return found;
+}
+
+void CHostCalls::ForgetWaits()
+{
+    const std::lock_guard<std::mutex> lock(State().lock);
+    State().waits.clear();
+}
+
+void CHostCalls::ShortenWaits(DWORD milliseconds)
+{
+    const std::lock_guard<std::mutex> lock(State().lock);
+    State().shortened.push_back(milliseconds);
+}
+
+void CHostCalls::ShortenAllWaits()
+{
+    const std::lock_guard<std::mutex> lock(State().lock);
+    State().bShortenAll = true;
+}
+
+std::vector<ULONG> CHostCalls::PoolFlags()
+{
+    const std::lock_guard<std::mutex> lock(State().lock);
+    return State().flags;
+}
+
+void CHostCalls::HoldPool()
+{
+    const std::lock_guard<std::mutex> lock(State().lock);
+    State().bHold = true;
+}
+
+void CHostCalls::LetPoolGo()
+{
+    std::vector<SItem> items;
+    {
+        const std::lock_guard<std::mutex> lock(State().lock);
+        State().bHold = false;
+        items.swap(State().held);
+    }
+    static const auto real = Real(&QueueUserWorkItem);
+    for (const SItem& item : items)
+        if (!real(&RunItem, new SItem(item), item.flags))
+            throw std::runtime_error("the pool takes no item that was held back");
+}
+
+std::size_t CHostCalls::HeldPoolItems()
+{
+    const std::lock_guard<std::mutex> lock(State().lock);
+    return State().held.size();
+}
+
+bool CHostCalls::WaitForPool()
+{
+    LetPoolGo();
+    std::unique_lock<std::mutex> lock(State().lock);
+    return State().changed.wait_until(lock, std::chrono::steady_clock::now() + s_patience,
+                                      [] { return State().inFlight == 0; });
+}
+
+void CHostCalls::Reset()
+{
+    State().log.Clear();
+    const std::lock_guard<std::mutex> lock(State().lock);
+    State().waits.clear();
+    State().shortened.clear();
+    State().bShortenAll = false;
+    State().flags.clear();
+    State().bHold = false;
+}
+
+} // namespace QsTest
+
+// ---------------------------------------------------------------------------- the host's functions, as the module sees
+// them
+
+using QsTest::CHostCalls;
+
+DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds)
+{
+    static const auto real = QsTest::Real(&WaitForSingleObject);
+    return real(handle, QsTest::Remember(1, milliseconds));
+}
+
+DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds)
+{
+    static const auto real = QsTest::Real(&WaitForMultipleObjects);
+    return real(count, handles, waitAll, QsTest::Remember(count, milliseconds));
+}
+
+BOOL QueueUserWorkItem(LPTHREAD_START_ROUTINE function, LPVOID context, ULONG flags)
+{
+    static const auto real = QsTest::Real(&QueueUserWorkItem);
+    const QsTest::SItem item{function, context, flags};
+    QsTest::SState& state = QsTest::State();
+    {
+        const std::lock_guard<std::mutex> lock(state.lock);
+        state.flags.push_back(flags);
+        ++state.inFlight;
+        if (state.bHold)
+        {
+            state.held.push_back(item);
+            return TRUE;
+        }
+    }
+    auto* const copy = new QsTest::SItem(item);
+    if (real(&QsTest::RunItem, copy, flags))
+        return TRUE;
+    delete copy;
+    const std::lock_guard<std::mutex> lock(state.lock);
+    --state.inFlight;
+    return FALSE;
+}
+
+void DMApi::AppRntm_RegisterConsumer(IQsDMApiPluginNotification* consumer)
+{
+    static const auto real = QsTest::Real(&DMApi::AppRntm_RegisterConsumer);
+    CHostCalls::Log().Add("RegisterConsumer");
+    real(consumer);
+}
+
+void DMApi::AppRntm_UnregisterConsumer(IQsDMApiPluginNotification* consumer)
+{
+    static const auto real = QsTest::Real(&DMApi::AppRntm_UnregisterConsumer);
+    CHostCalls::Log().Add("UnregisterConsumer");
+    real(consumer);
+}
+
+void DMApi::AppRntm_RegisterEvent(IQsDMApiPluginNotification* consumer, const wchar_t* eventName)
+{
+    static const auto real = QsTest::Real(&DMApi::AppRntm_RegisterEvent);
+    CHostCalls::Log().Add("RegisterEvent " + QsTest::Narrow(eventName));
+    real(consumer, eventName);
+}
+
+void DMApi::AppRntm_UnregisterEvent(IQsDMApiPluginNotification* consumer, const wchar_t* eventName)
+{
+    static const auto real = QsTest::Real(&DMApi::AppRntm_UnregisterEvent);
+    CHostCalls::Log().Add("UnregisterEvent " + QsTest::Narrow(eventName));
+    real(consumer, eventName);
+}
+
+CDMApi_LogDevId DMApi::LogDev_GetIdByDBId(int databaseId)
+{
+    static const auto real = QsTest::Real(&DMApi::LogDev_GetIdByDBId);
+    CHostCalls::Log().Add("LogDev_GetIdByDBId(" + std::to_string(databaseId) + ")");
+    return real(databaseId);
+}
+
+unsigned int DMApi::LogDev_GetPhysDevId(CDMApi_LogDevId id)
+{
+    static const auto real = QsTest::Real(&DMApi::LogDev_GetPhysDevId);
+    CHostCalls::Log().Add("LogDev_GetPhysDevId(" + std::to_string(id.value) + ")");
+    return real(id);
+}
