@@ -84,8 +84,12 @@ private:
 std::vector<int> QsAbortAll(const std::vector<IQsStimulationDevice*>& devices, const std::shared_ptr<const void>& keep)
 {
     const auto all = std::make_shared<CAbortAll>(devices, keep);
-    CAbortAll::Help(all);
     std::vector<int> statuses;
-    QsWaitForDevices(all->run, [&] { statuses = all->Statuses(); });
+    QsWaitForDevices(all->run,
+                     [&]
+                     {
+                         CAbortAll::Help(all);
+                         statuses = all->Statuses();
+                     });
     return statuses;
 }

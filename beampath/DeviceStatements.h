@@ -1,6 +1,6 @@
 // Every statement that this system runs on the host's device database, and the texts that a failure is reported with.
 //
-// Each statement ends with one blank: hosts compare the statements that they let through by their whole text.
+// Each statement ends with one blank: the texts are compared whole, here and in hosts that watch what is asked.
 #pragma once
 
 struct SQsDeviceStatement
@@ -18,7 +18,7 @@ inline constexpr SQsDeviceStatement stimulationBeampaths = {
     "WHERE dev_BeamPath.iSetupID = :iSetupID AND COALESCE( dev_HWConfig_BeamPath.eBehaviour, "
     "dev_BeamPath.eDefHWCBehaviour) = 1 AND dev_BeamPath.eType = 2 ",
     L"Obtaining ON stimulation beampaths for current HWConfig - prepare",
-    // The capital S tells the two reports apart in logs that are searched without their last word.
+    // With a capital S, other than above: the report's text as it has always been.
     L"Obtaining ON Stimulation beampaths for current HWConfig - exec"};
 
 inline constexpr SQsDeviceStatement beampathOfStimulationOC = {

@@ -31,7 +31,8 @@ public:
     {
         if (--m_references != 0)
             return;
-        // The graphics-object release call, as hosts that watch their handles expect it for these events.
+        // The graphics-object release call: which call these events go to is part of what hosts see of this module.
+        // Where it refuses what is no graphics object, each event lives until the process ends (docs/decisions).
         DeleteObject(m_hDone);
         delete this;
     }

@@ -45,6 +45,8 @@ constexpr DWORD s_continuousWaitMs = 1000;
 constexpr DWORD s_shortestPhaseWaitMs = 100;
 constexpr DWORD s_endWaitMs = 10000;
 
+constexpr std::uint64_t s_withdrawn = ~std::uint64_t{0}; // a count that is never reached
+
 constexpr const wchar_t* s_beforeShutdown = L"QS_MODULEEVENT_APP_BEFORESHUTDOWN";
 constexpr const wchar_t* s_beforeSetupChange = L"QS_MODULEEVENT_DMV2_BEFORE_SETUP_CHANGE";
 constexpr const wchar_t* s_saveSettings = L"QS_MODULEEVENT_SAVE_SETTINGS";
@@ -72,6 +74,12 @@ DWORD PhaseWaitMs(double dDurationMs)
     if (!std::isfinite(wait) || wait <= s_shortestPhaseWaitMs)
         return s_shortestPhaseWaitMs;
     return wait >= longest ? static_cast<DWORD>(longest) : static_cast<DWORD>(wait);
+}
+
+// For a log line.
+CQsStringW NameOf(const IQsStimulationDevice& device)
+{
+    return QsCallOr(CQsStringW(L"?"), L"GetUniqueName", __LINE__, [&device] { return device.GetUniqueName(); });
 }
 
 // Whether all events were set in time. The call takes so many at once and no none.
@@ -126,6 +134,11 @@ struct CQsStimulationDeviceAggregator::STable
     bool Has(qs_int32 id) const
     {
         return std::any_of(entries.begin(), entries.end(), [id](const SEntry& entry) { return entry.id == id; });
+    }
+    bool Has(const CQsStimulationDeviceProxy& proxy) const
+    {
+        return std::any_of(entries.begin(), entries.end(),
+                           [&proxy](const SEntry& entry) { return entry.pProxy == &proxy; });
     }
     // Of the devices that are there, in order, up to the first that says yes.
     template <class Ask>
@@ -218,8 +231,7 @@ CQsStimulationDeviceAggregator::~CQsStimulationDeviceAggregator()
         manager->UnregisterStimulationDeviceManagerEventListener(this);
     DMApi::AppRntm_UnregisterEvent(this, s_beforeShutdown);
     DMApi::AppRntm_UnregisterEvent(this, s_beforeSetupChange);
-    // Registered once more and not unregistered: hosts that save their settings while they take beampaths down still
-    // find a consumer of this event. It goes with the consumer.
+    // Registered once more and not unregistered, as hosts have always seen it; it goes with the consumer.
     DMApi::AppRntm_RegisterEvent(this, s_saveSettings);
     DMApi::AppRntm_UnregisterConsumer(this);
 }
@@ -264,7 +276,28 @@ CQsStimulationDeviceAggregator::TablePtr CQsStimulationDeviceAggregator::Exchang
 
 int CQsStimulationDeviceAggregator::UpdateAggregatedDevicesAccordingToBPId()
 {
-    TablePtr old; // goes after the lock: the devices of sub-beampaths that are gone may have to be put out
+    // What goes with it, and the devices that sub-beampaths have given up, go after the lock: that is plug-in code.
+    TablePtr old;
+    std::vector<IQsStimulationDevice*> released;
+    const int result = Rebuild(old, released);
+    if (old != nullptr)
+    {
+        // Not left to the destructor: an operation that is under way may keep a sub-beampath for long.
+        const TablePtr table = Table();
+        old->ForEach(
+            [&table](CQsStimulationDeviceProxy& proxy)
+            {
+                if (!table->Has(proxy))
+                    QsWaitForDevices(0, [&proxy] { proxy.AbortIfBegun(); });
+            });
+    }
+    for (IQsStimulationDevice* const device : released)
+        CQsRTTI::Release(device);
+    return result;
+}
+
+int CQsStimulationDeviceAggregator::Rebuild(TablePtr& old, std::vector<IQsStimulationDevice*>& released)
+{
     const CQsScopedLock<CQsRecursiveMutex> lock(m_lock);
     if (!DeviceDBApi::IsInitialized())
         return s_noDatabase;
@@ -273,13 +306,15 @@ int CQsStimulationDeviceAggregator::UpdateAggregatedDevicesAccordingToBPId()
     const std::optional<std::vector<qs_int32>> ids = QuerySubbeampaths(m_id);
     if (!ids)
         return QS_ERR_FAIL;
-    old = RebuildTable(*ids);
+    old = RebuildTable(*ids, released);
     RestoreAssignments();
     return QS_OK;
 }
 
 // The table before.
-CQsStimulationDeviceAggregator::TablePtr CQsStimulationDeviceAggregator::RebuildTable(const std::vector<qs_int32>& ids)
+CQsStimulationDeviceAggregator::TablePtr
+CQsStimulationDeviceAggregator::RebuildTable(const std::vector<qs_int32>& ids,
+                                             std::vector<IQsStimulationDevice*>& released)
 {
     const TablePtr old = Table();
     std::map<qs_int32, CQsStimulationDeviceProxy*> proxies; // each with a reference for the new table
@@ -302,7 +337,7 @@ CQsStimulationDeviceAggregator::TablePtr CQsStimulationDeviceAggregator::Rebuild
         table->Append(entry.first, entry.second);
     for (const STable::SEntry& entry : table->entries)
         if (entry.pProxy != nullptr)
-            entry.pProxy->SetStimulationSubbeampathId(entry.id);
+            entry.pProxy->AssignSubbeampath(entry.id, released);
     const CQsScopedLock<CQsMutex> lock(m_lockTable);
     m_pTable = table;
     return old;
@@ -318,6 +353,7 @@ std::vector<qs_int32> CQsStimulationDeviceAggregator::GetStimulationSubbeampathI
 
 int CQsStimulationDeviceAggregator::AvailableStimulationDevicesChanged()
 {
+    const CQsRegistryLock::CHoldingScope holding; // a rebuild that drops this beampath waits until it is left
     return UpdateAggregatedDevicesAccordingToBPId();
 }
 
@@ -335,13 +371,15 @@ void CQsStimulationDeviceAggregator::RestoreAssignments()
     }
     CQsStringW text;
     std::vector<qs_int32> saved;
-    if (DeviceDBAppHelper::LoadParam(key.c_str(), text, nullptr, DeviceDBApi::GetCurrentSetupID(),
-                                     DeviceDBApi::GetCurrentUserID()) == QS_OK)
+    const int status = DeviceDBAppHelper::LoadParam(key.c_str(), text, nullptr, DeviceDBApi::GetCurrentSetupID(),
+                                                    DeviceDBApi::GetCurrentUserID());
+    if (status == QS_OK)
         saved = JsonIds(ToBytes(text));
 
     const CQsScopedLock<CQsMutex> lock(m_lockTable);
     if (!table->entries.empty())
         m_groupAssignments.fill(table->entries.front().id);
+    m_bAssignmentsUnknown = status == QS_ERR_FAIL;
     for (std::size_t group = 0; group < std::min(saved.size(), m_groupAssignments.size()); ++group)
         if (table->Has(saved[group]))
             m_groupAssignments[group] = saved[group];
@@ -359,11 +397,15 @@ int CQsStimulationDeviceAggregator::SetStimulationGroupAssignment(unsigned group
     if (group >= m_groupAssignments.size() || !m_pTable->Has(subbeampathId))
         return QS_ERR_FAIL;
     m_groupAssignments[group] = subbeampathId;
+    m_bAssignmentsUnknown = false;
     return QS_OK;
 }
 
 int CQsStimulationDeviceAggregator::SaveStimulationGroupDeviceAssignments()
 {
+    // What a failing store did not tell must not be overwritten with a guess.
+    if (m_bAssignmentsUnknown)
+        RestoreAssignments();
     QJsonArray ids;
     CQsStringW key;
     {
@@ -646,6 +688,9 @@ int CQsStimulationDeviceAggregator::StimulationBegin(const SQsStimulationType& t
     Manager* const pManager = Manager::InstanceIfExists();
     if (pManager == nullptr)
         return QS_ERR_FAIL;
+    // Before the callbacks: the host may abort out of them, or may have since it asked for this stimulation.
+    const std::uint64_t present = m_withdrawals; // first: an abort raises it after what the manager looks at
+    const std::uint64_t withdrawals = pManager->IsAbortedSinceItsStart() ? s_withdrawn : present;
     pManager->FireCallbackForChange(Manager::eChangeStimulationBegin);
     const bool bTimed = type.uiType == eStimTimed;
     if (bTimed && std::fabs(type.dDurationMs) <= s_shortestPhaseMs)
@@ -654,7 +699,6 @@ int CQsStimulationDeviceAggregator::StimulationBegin(const SQsStimulationType& t
                 type.dDurationMs);
         return s_phaseTooShort;
     }
-    const std::uint64_t aborts = m_aborts;
     m_lastKind = type.uiType;
     pManager->FireCallbackForStimulationOCCommand(Manager::eOCCommandStimulationBegin);
     pManager->FireCallbackForStimulationOCCommand(Manager::eOCCommandStimulationPhase);
@@ -664,12 +708,13 @@ int CQsStimulationDeviceAggregator::StimulationBegin(const SQsStimulationType& t
     int result = QS_OK;
     bool bInTime = true;
     if (table->entries.size() >= 2)
-        bInTime = BeginTogether(*table, type, aborts);
+        bInTime = BeginTogether(*table, type, withdrawals);
     else
         table->ForEach(
-            [&](IQsStimulationDevice& device) {
-                result =
-                    QsCallOr(QS_ERR_FAIL, L"StimulationBegin", __LINE__, [&] { return device.StimulationBegin(type); });
+            [&](CQsStimulationDeviceProxy& proxy)
+            {
+                const auto begin = [&] { return proxy.BeginUnlessWithdrawn(type, m_withdrawals, withdrawals); };
+                QsWaitForDevices(0, [&] { result = QsCallOr(QS_ERR_FAIL, L"StimulationBegin", __LINE__, begin); });
             });
     // Devices that are late, and kinds that nobody waits for, may still be on their way into their begin.
     if (bInTime && (bTimed || type.uiType == eStimContinuous))
@@ -687,19 +732,20 @@ int CQsStimulationDeviceAggregator::StimulationBegin(const SQsStimulationType& t
 
 // False when devices were late.
 bool CQsStimulationDeviceAggregator::BeginTogether(const STable& table, const SQsStimulationType& type,
-                                                   std::uint64_t aborts)
+                                                   std::uint64_t withdrawals)
 {
     // Every device takes all groups of the request: the areas of a group are on the device that has them, whatever
     // sub-beampath the group is assigned to.
     SQsStimulationAsyncParams params;
     params.stimulation = type;
     params.stimulation.uiGroupMask = type.uiGroupMask & s_allGroups;
-    params.aborts = aborts;
+    params.withdrawals = withdrawals;
     if (params.stimulation.uiGroupMask == 0)
         return true;
 
     // All tasks are made before the first one is queued, so that the devices begin as close together as the pool can.
     std::vector<BeginTask*> tasks;
+    std::vector<IQsStimulationDevice*> refused;
     table.ForEach(
         [&](IQsStimulationDevice& device)
         {
@@ -707,8 +753,7 @@ bool CQsStimulationDeviceAggregator::BeginTogether(const STable& table, const SQ
             if (BeginTask* const task = BeginTask::Create(params))
                 tasks.push_back(task);
             else
-                QS_DIAG(L"CQsStimulationDeviceAggregator::StimulationBegin: Unable to make a task for device %s.",
-                        device.GetUniqueName().c_str());
+                refused.push_back(&device);
         });
     const CQsRegistryLock::Run run = CQsRegistryLock::RunOfCaller();
     std::vector<HANDLE> events;
@@ -718,9 +763,11 @@ bool CQsStimulationDeviceAggregator::BeginTogether(const STable& table, const SQ
         if (BeginWork::Queue(*this, &CQsStimulationDeviceAggregator::StimulationBeginAsync, *task, run))
             events.push_back(task->Done());
         else
-            QS_DIAG(L"CQsStimulationDeviceAggregator::StimulationBegin: Unable to queue the task of device %s.",
-                    task->params.pDevice->GetUniqueName().c_str());
+            refused.push_back(task->params.pDevice);
     }
+    for (IQsStimulationDevice* const device : refused)
+        QS_DIAG(L"CQsStimulationDeviceAggregator::StimulationBegin: Unable to queue a task for device %s.",
+                NameOf(*device).c_str());
     bool bInTime = true;
     const bool bTimed = type.uiType == eStimTimed;
     if (bTimed || type.uiType == eStimContinuous)
@@ -737,15 +784,17 @@ std::uint32_t CQsStimulationDeviceAggregator::StimulationBeginAsync(SQsStimulati
     QS_DIAG(
         L"CQsStimulationDeviceAggregator::StimulationBeginAsync: Windows Threadpool thread (%#x) procedure has started.",
         thread);
-    // What an abort has found dark stays dark.
-    const bool bAborted = params.aborts && *params.aborts != m_aborts;
-    if (params.pDevice != nullptr && !bAborted &&
-        QsCallOr(QS_ERR_FAIL, L"StimulationBegin", __LINE__,
-                 [&] { return params.pDevice->StimulationBegin(params.stimulation); }) != QS_OK)
-        // Names another operation than the one that failed; log filters of the field look for this text.
+    const auto begin = [this, &params]
+    {
+        auto* const proxy = params.withdrawals ? dynamic_cast<CQsStimulationDeviceProxy*>(params.pDevice) : nullptr;
+        return proxy != nullptr ? proxy->BeginUnlessWithdrawn(params.stimulation, m_withdrawals, *params.withdrawals)
+                                : params.pDevice->StimulationBegin(params.stimulation);
+    };
+    if (params.pDevice != nullptr && QsCallOr(QS_ERR_FAIL, L"StimulationBegin", __LINE__, begin) != QS_OK)
+        // The text has always named another operation than the one that failed; who reads logs knows it so.
         QS_DIAG(
             L"CQsStimulationDeviceAggregator::StimulationBeginAsync: Failed to call StimulationROIPrepare on device %s, thread (%i)",
-            params.pDevice->GetUniqueName().c_str(), static_cast<int>(thread));
+            NameOf(*params.pDevice).c_str(), static_cast<int>(thread));
     QS_DIAG(
         L"CQsStimulationDeviceAggregator::StimulationBeginAsync: Windows Threadpool thread (%#x) procedure has finished.",
         thread);
@@ -754,6 +803,7 @@ std::uint32_t CQsStimulationDeviceAggregator::StimulationBeginAsync(SQsStimulati
 
 int CQsStimulationDeviceAggregator::StimulationEnd(double* pdBeginTimes, double* pdEndTimes, std::uint64_t count)
 {
+    ++m_withdrawals; // a device that is still on its way into its begin would light up after its end
     const bool bContinuous = m_lastKind == eStimContinuous;
     const auto fire = [bContinuous](Manager::EQsStimulationManagerOCCommand command)
     {
@@ -767,7 +817,7 @@ int CQsStimulationDeviceAggregator::StimulationEnd(double* pdBeginTimes, double*
         EndTogether(*table);
     else
         table->ForEach([&](IQsStimulationDevice& device)
-                       { QsEndStimulation(device, pdBeginTimes, pdEndTimes, count); });
+                       { QsWaitForDevices(0, [&] { QsEndStimulation(device, pdBeginTimes, pdEndTimes, count); }); });
     ExchangeBegunTable(nullptr);
     fire(Manager::eOCCommandStimulationEnd);
     if (Manager* const pManager = Manager::InstanceIfExists())
@@ -780,6 +830,7 @@ void CQsStimulationDeviceAggregator::EndTogether(const STable& table)
 {
     const CQsRegistryLock::Run run = CQsRegistryLock::RunOfCaller();
     std::vector<EndTask*> tasks;
+    std::vector<IQsStimulationDevice*> refused;
     for (const STable::SEntry& entry : table.entries)
     {
         SQsStimulationEndParams params;
@@ -790,10 +841,20 @@ void CQsStimulationDeviceAggregator::EndTogether(const STable& table)
             tasks.push_back(task);
             continue;
         }
-        StimulationEndAsync(params); // late rather than never: the light must go out
+        refused.push_back(entry.pProxy);
         if (task != nullptr)
             task->Release();
     }
+    // Late rather than never: the light must go out. After the others, which a device that hangs must not hold up.
+    for (IQsStimulationDevice* const device : refused)
+        QsWaitForDevices(run,
+                         [this, device]
+                         {
+                             SQsStimulationEndParams params;
+                             params.pDevice = device;
+                             QsTry(L"StimulationEnd", __LINE__,
+                                   [&] { return static_cast<int>(StimulationEndAsync(params)); });
+                         });
     QsWaitForDevices(run,
                      [&]
                      {
@@ -810,7 +871,7 @@ std::uint32_t CQsStimulationDeviceAggregator::StimulationEndAsync(SQsStimulation
         QS_DIAG(L"CQsStimulationDeviceAggregator::StimulationEndAsync: Error, nullptr.");
     else if (QsEndStimulation(*params.pDevice, &params.dFirstTime, &params.dSecondTime, 1).status != QS_OK)
         QS_DIAG(L"CQsStimulationDeviceAggregator::StimulationEndAsync: Async call to StimulationEnd of %s failed.",
-                params.pDevice->GetUniqueName().c_str());
+                NameOf(*params.pDevice).c_str());
     return 0;
 }
 
@@ -830,7 +891,7 @@ int CQsStimulationDeviceAggregator::StimulationFire(const SQsStimulationType& ty
 
 int CQsStimulationDeviceAggregator::StimulationAbort()
 {
-    ++m_aborts;
+    ++m_withdrawals;
     TablePtr table;
     TablePtr begun;
     {

@@ -139,7 +139,8 @@ private:
 
     TablePtr Table() const;
     TablePtr ExchangeBegunTable(TablePtr table); // the one before
-    TablePtr RebuildTable(const std::vector<qs_int32>& ids);
+    int Rebuild(TablePtr& old, std::vector<IQsStimulationDevice*>& released);
+    TablePtr RebuildTable(const std::vector<qs_int32>& ids, std::vector<IQsStimulationDevice*>& released);
     void RestoreAssignments();
     template <class Selects, class Ask>
     int FoldStatus(Selects selects, Ask ask) const;
@@ -147,7 +148,7 @@ private:
     int LowestStatus(Ask ask) const;
     template <class Ask>
     int LastLowestStatus(Ask ask) const;
-    bool BeginTogether(const STable& table, const SQsStimulationType& type, std::uint64_t aborts);
+    bool BeginTogether(const STable& table, const SQsStimulationType& type, std::uint64_t withdrawals);
     void EndTogether(const STable& table);
 
     std::atomic<qs_int32> m_id{0};
@@ -160,10 +161,12 @@ private:
     CQsStringW m_uniqueName QS_GUARDED_BY(m_lockTable);
     CQsStringW m_settingsKey QS_GUARDED_BY(m_lockTable);
     std::array<qs_int32, 3> m_groupAssignments QS_GUARDED_BY(m_lockTable) = {-1, -1, -1};
+    std::atomic<bool> m_bAssignmentsUnknown{false}; // the store failed when they were to be restored
 
     std::atomic<std::uint32_t> m_lastKind{0}; // of the last StimulationBegin; 0 after StimulationEnd
     std::atomic<bool> m_bActive{false};
-    std::atomic<std::uint64_t> m_aborts{0}; // so that a task which has not begun yet sees one
+    // Aborts and ends so far: a begin that has not entered its device when one comes does not any more.
+    std::atomic<std::uint64_t> m_withdrawals{0};
 
     // What the last StimulationAreaSet was given.
     std::vector<CQsRoiObject> m_regions QS_GUARDED_BY(m_lockAreas);

@@ -17,13 +17,15 @@ namespace {
 
 constexpr int s_notImplemented = -2;
 
-// Another thread may have got in meanwhile: who waits looks that often whom it waits for.
+thread_local unsigned t_targets = 0; // that the thread is inside of
+
+// The wake-up of who waits for a target may be missed by a hair; it looks again after this time.
 constexpr std::chrono::milliseconds s_ownerPoll{10};
 
 // Puts a device out that began and that nobody will end any more, and gives its reference back.
 void PutOut(IQsStimulationDevice* device)
 {
-    QsWaitForDevices({},
+    QsWaitForDevices(0,
                      [device]
                      {
                          QsTry(L"StimulationAbort", __LINE__, [device] { return device->StimulationAbort(); });
@@ -32,6 +34,21 @@ void PutOut(IQsStimulationDevice* device)
                      });
     CQsRTTI::Release(device);
 }
+
+// Former targets, put out at the end of the scope.
+struct SBegunBefore
+{
+    SBegunBefore() = default;
+    ~SBegunBefore()
+    {
+        for (IQsStimulationDevice* const device : devices)
+            PutOut(device);
+    }
+    SBegunBefore(const SBegunBefore&) = delete;
+    SBegunBefore& operator=(const SBegunBefore&) = delete;
+
+    std::vector<IQsStimulationDevice*> devices;
+};
 
 // What the device database says of a sub-beampath; nothing where it could not be asked.
 struct SSubbeampath
@@ -65,24 +82,24 @@ SSubbeampath QuerySubbeampath(qs_int32 id)
 }
 
 // The device that drives one of the logical devices, with a reference; null when there is none. Of several the one with
-// the lowest address: arbitrary, but the same throughout a run.
-IQsStimulationDevice* FindDevice(CQsStimulationDeviceManager& manager, const std::vector<int>& logicalDevices)
+// the lowest address: arbitrary, but the same throughout a run. The others' references go to `released`.
+IQsStimulationDevice* FindDevice(CQsStimulationDeviceManager& manager, const std::vector<int>& logicalDevices,
+                                 std::vector<IQsStimulationDevice*>& released)
 {
     IQsStimulationDevice* lowest = nullptr;
     for (const int databaseId : logicalDevices)
     {
         const CDMApi_LogDevId logDevId = DMApi::LogDev_GetIdByDBId(databaseId);
-        DMApi::LogDev_GetPhysDevId(logDevId); // for the host alone, which resolves the device when it is asked
+        DMApi::LogDev_GetPhysDevId(
+            logDevId); // not used here; hosts see every look at a logical device as these two calls
         if (logDevId.value == 0)
             continue;
         std::set<IQsStimulationDevice*> devices;
         manager.GetReferencedDevicesForLogDevId(logDevId.value, devices);
         for (IQsStimulationDevice* const device : devices)
         {
-            if (lowest == nullptr || std::less<IQsStimulationDevice*>()(device, lowest))
-                CQsRTTI::Release(std::exchange(lowest, device));
-            else
-                CQsRTTI::Release(device);
+            const bool bLower = lowest == nullptr || std::less<IQsStimulationDevice*>()(device, lowest);
+            released.push_back(bLower ? std::exchange(lowest, device) : device);
         }
     }
     return lowest;
@@ -106,45 +123,77 @@ public:
     CTarget(const CTarget&) = delete;
     CTarget& operator=(const CTarget&) = delete;
 
-    explicit operator bool() const { return m_proxy.m_pTarget != nullptr; }
-    IQsStimulationDevice& operator*() const { return *m_proxy.m_pTarget; }
-    IQsStimulationDevice* operator->() const { return m_proxy.m_pTarget; }
+    explicit operator bool() const { return m_pTarget != nullptr; }
+    IQsStimulationDevice& operator*() const { return *m_pTarget; }
+    IQsStimulationDevice* operator->() const { return m_pTarget; }
 
 private:
+    bool Lock() QS_NO_THREAD_SAFETY_ANALYSIS;
+
     const CQsStimulationDeviceProxy& m_proxy;
+    bool m_bLocked = false;
+    IQsStimulationDevice* m_pTarget = nullptr;
     IQsStimulationDevice* m_pReleased = nullptr; // after the lock: a device's end is plug-in code
+    const CQsRegistryLock::CHoldingScope m_holding;
 };
 
-CQsStimulationDeviceProxy::CTarget::CTarget(const CQsStimulationDeviceProxy& proxy) : m_proxy(proxy)
+// False for a thread that is inside another target already: two that wait for each other's target would wait for ever,
+// with both lights on.
+bool CQsStimulationDeviceProxy::CTarget::Lock()
 {
-    while (!proxy.m_lockTarget.try_lock())
-        proxy.WaitForTarget();
-    if (proxy.m_depth++ != 0)
+    while (!m_proxy.m_lockTarget.try_lock())
+    {
+        if (t_targets != 0)
+            return false;
+        m_proxy.WaitForTarget();
+    }
+    return true;
+}
+
+CQsStimulationDeviceProxy::CTarget::CTarget(const CQsStimulationDeviceProxy& proxy) : m_proxy(proxy), m_bLocked(Lock())
+{
+    if (!m_bLocked)
+    {
+        // As an abort goes: beside the operation that is under way, on a target of its own reference.
+        const CQsScopedLock<CQsMutex> lock(proxy.m_lockState);
+        m_pTarget = m_pReleased = proxy.m_pTarget;
+        CQsRTTI::AddRef(m_pTarget);
         return;
-    proxy.m_targetThread = std::this_thread::get_id();
-    m_pReleased = proxy.AdoptNextTarget();
+    }
+    ++t_targets;
+    if (proxy.m_depth++ == 0)
+    {
+        proxy.m_targetThread.store(std::this_thread::get_id(), std::memory_order_relaxed); // who waits looks again
+        m_pReleased = proxy.AdoptNextTarget();
+    }
+    m_pTarget = proxy.m_pTarget;
 }
 
 CQsStimulationDeviceProxy::CTarget::~CTarget()
 {
-    const bool bOutermost = --m_proxy.m_depth == 0;
-    if (bOutermost)
-        m_proxy.m_targetThread = std::thread::id();
-    m_proxy.m_lockTarget.unlock();
-    if (bOutermost && m_proxy.m_targetWaiters != 0)
+    if (m_bLocked)
     {
-        const std::lock_guard<std::mutex> lock(m_proxy.m_waitMutex);
-        m_proxy.m_targetLeft.notify_all();
+        --t_targets;
+        const bool bOutermost = --m_proxy.m_depth == 0;
+        if (bOutermost)
+            m_proxy.m_targetThread.store(std::thread::id(), std::memory_order_relaxed);
+        m_proxy.m_lockTarget.unlock();
+        if (bOutermost && m_proxy.m_targetWaiters != 0)
+        {
+            const std::lock_guard<std::mutex> lock(m_proxy.m_waitMutex);
+            m_proxy.m_targetLeft.notify_all();
+        }
     }
-    CQsRTTI::Release(m_pReleased);
+    if (m_pReleased != nullptr)
+        CQsRTTI::Release(m_pReleased);
 }
 
 // The operation that is under way may last a phase, and its device may need the manager to come to its end. So a thread
-// that holds the registry lock lends it to the one that is in there, and never takes it back holding the target's lock.
+// that holds the registry lock lends it, and never takes it back holding the target's lock.
 void CQsStimulationDeviceProxy::WaitForTarget() const
 {
     ++m_targetWaiters;
-    QsWaitForDevices({0, m_targetThread},
+    QsWaitForDevices(0,
                      [this]
                      {
                          std::unique_lock<std::mutex> lock(m_waitMutex);
@@ -155,23 +204,20 @@ void CQsStimulationDeviceProxy::WaitForTarget() const
 }
 
 // Takes over the caller's reference.
-void CQsStimulationDeviceProxy::SetTarget(IQsStimulationDevice* target)
+void CQsStimulationDeviceProxy::SetTarget(IQsStimulationDevice* target, std::vector<IQsStimulationDevice*>& released)
 {
-    IQsStimulationDevice* superseded = nullptr;
     {
         const CQsScopedLock<CQsMutex> lock(m_lockState);
-        superseded = std::exchange(m_pNextTarget, target);
+        released.push_back(std::exchange(m_pNextTarget, target));
         m_bNextTarget = true;
     }
-    CQsRTTI::Release(superseded);
-
     // An operation that is under way keeps its target, and may last long; the next one adopts the new target. Waiting
     // for it here would hold up everybody who waits for the rebuild that this belongs to.
     if (!m_lockTarget.try_lock())
         return;
-    IQsStimulationDevice* const released = m_depth == 0 ? AdoptNextTarget() : nullptr;
+    if (m_depth == 0)
+        released.push_back(AdoptNextTarget());
     m_lockTarget.unlock();
-    CQsRTTI::Release(released);
 }
 
 // The device whose reference is left over; null when there is none.
@@ -185,7 +231,7 @@ IQsStimulationDevice* CQsStimulationDeviceProxy::AdoptNextTarget() const
     if (next == nullptr || next == m_pTarget)
         return next;
     IQsStimulationDevice* const old = std::exchange(m_pTarget, next);
-    if (!std::exchange(m_bBegun, false))
+    if (!m_bBegun.exchange(false))
         return old;
     m_begunBefore.push_back(old);
     return nullptr;
@@ -225,6 +271,15 @@ std::vector<IQsStimulationDevice*> CQsStimulationDeviceProxy::TakeBegunBefore()
 
 int CQsStimulationDeviceProxy::SetStimulationSubbeampathId(qs_int32 id)
 {
+    std::vector<IQsStimulationDevice*> released;
+    const int result = AssignSubbeampath(id, released);
+    for (IQsStimulationDevice* const device : released)
+        CQsRTTI::Release(device);
+    return result;
+}
+
+int CQsStimulationDeviceProxy::AssignSubbeampath(qs_int32 id, std::vector<IQsStimulationDevice*>& released)
+{
     CQsStimulationDeviceManager* const manager = CQsStimulationDeviceManager::InstanceIfExists();
     if (manager == nullptr)
         return QS_ERR_FAIL;
@@ -235,14 +290,20 @@ int CQsStimulationDeviceProxy::SetStimulationSubbeampathId(qs_int32 id)
 
     const SSubbeampath found = QuerySubbeampath(id);
     if (found.logicalDevices)
-        if (IQsStimulationDevice* const device = FindDevice(*manager, *found.logicalDevices))
-            SetTarget(device);
+        if (IQsStimulationDevice* const device = FindDevice(*manager, *found.logicalDevices, released))
+            SetTarget(device, released);
     if (found.name)
     {
         const CQsScopedLock<CQsMutex> lockState(m_lockState);
         m_beampathName = *found.name;
     }
     return QS_OK;
+}
+
+void CQsStimulationDeviceProxy::AbortIfBegun()
+{
+    if (m_bBegun)
+        StimulationAbort();
 }
 
 qs_int32 CQsStimulationDeviceProxy::GetStimulationSubbeampathId() const
@@ -438,9 +499,15 @@ bool CQsStimulationDeviceProxy::StimulationIsReady(bool flag, CQsStringW* pReaso
 
 int CQsStimulationDeviceProxy::StimulationBegin(const SQsStimulationType& type)
 {
+    return BeginUnlessWithdrawn(type, m_aborts, m_aborts);
+}
+
+int CQsStimulationDeviceProxy::BeginUnlessWithdrawn(const SQsStimulationType& type,
+                                                    const std::atomic<std::uint64_t>& withdrawals,
+                                                    std::uint64_t expected)
+{
     if (CQsStimulationDeviceManager::InstanceIfExists() == nullptr)
         return QS_ERR_FAIL;
-    const std::uint64_t aborts = m_aborts;
     const CTarget target(*this);
     if (type.uiType != eStimContinuous && type.uiType != eStimTimed)
     {
@@ -448,12 +515,17 @@ int CQsStimulationDeviceProxy::StimulationBegin(const SQsStimulationType& type)
         return QS_ERR_FAIL;
     }
     m_lastKind = type.uiType;
-    if (aborts != m_aborts)
-        return QS_OK; // aborted while it waited for another operation: what is dark stays dark
+    // Under the target's lock: an end that raises the count and then comes here finds the begin done, or never done.
+    if (withdrawals != expected)
+        return QS_OK;
     if (target)
     {
         m_bBegun = true;
-        return target->StimulationBegin(type);
+        const int result = target->StimulationBegin(type);
+        // An abort that came between the look above and the device found it dark.
+        if (type.uiType == eStimContinuous && withdrawals != expected)
+            target->StimulationAbort();
+        return result;
     }
     if (type.uiType == eStimTimed)
     {
@@ -465,10 +537,10 @@ int CQsStimulationDeviceProxy::StimulationBegin(const SQsStimulationType& type)
 
 int CQsStimulationDeviceProxy::StimulationEnd(double* pdBeginTimes, double* pdEndTimes, std::uint64_t count)
 {
-    for (IQsStimulationDevice* const device : TakeBegunBefore())
-        PutOut(device);
     {
+        SBegunBefore before; // after the present target, and without its lock
         const CTarget target(*this);
+        before.devices = TakeBegunBefore();
         if (target)
         {
             const int result = target->StimulationEnd(pdBeginTimes, pdEndTimes, count);

@@ -35,6 +35,17 @@ public:
     int SetStimulationSubbeampathId(qs_int32 id);
     qs_int32 GetStimulationSubbeampathId() const; // [any thread]
 
+    // For the aggregator: as SetStimulationSubbeampathId, but devices whose references are left over are appended to
+    // `released`, for the caller to release when it holds no lock.
+    int AssignSubbeampath(qs_int32 id, std::vector<IQsStimulationDevice*>& released);
+    // For the aggregator: StimulationBegin, unless `withdrawals` has left `expected` before the device is entered: an
+    // abort, or the end, has overtaken the begin, and what is dark stays dark. 0 then. [blocks for kind 2]
+    int BeginUnlessWithdrawn(const SQsStimulationType& type, const std::atomic<std::uint64_t>& withdrawals,
+                             std::uint64_t expected);
+
+    // For the aggregator, when the sub-beampath goes: puts out what has begun, also where somebody still uses this.
+    void AbortIfBegun();
+
     // Bodies of the pool's tasks, as the aggregator's; always 0. [pool]
     std::uint32_t StimulationBeginAsync(SQsStimulationAsyncParams& params);
     std::uint32_t StimulationEndAsync(SQsStimulationEndParams& params);
@@ -94,7 +105,7 @@ protected:
 private:
     class CTarget;
 
-    void SetTarget(IQsStimulationDevice* target);
+    void SetTarget(IQsStimulationDevice* target, std::vector<IQsStimulationDevice*>& released);
     IQsStimulationDevice* AdoptNextTarget() const QS_REQUIRES(m_lockTarget);
     void WaitForTarget() const;
     std::vector<IQsStimulationDevice*> TakeBegunBefore();
@@ -109,9 +120,9 @@ private:
     mutable std::atomic<std::thread::id> m_targetThread{}; // the one that holds it
     // Changed with m_lockTarget and m_lockState both; read with either. Counted reference.
     mutable IQsStimulationDevice* m_pTarget = nullptr;
-    mutable unsigned m_depth QS_GUARDED_BY(m_lockTarget) = 0;  // operations inside one another
-    std::uint32_t m_lastKind QS_GUARDED_BY(m_lockTarget) = 0;  // of the last begin; 0 after an end without a target
-    mutable bool m_bBegun QS_GUARDED_BY(m_lockTarget) = false; // on m_pTarget, and not ended
+    mutable unsigned m_depth QS_GUARDED_BY(m_lockTarget) = 0; // operations inside one another
+    std::atomic<std::uint32_t> m_lastKind{0};                 // of the last begin; 0 after an end without a target
+    mutable std::atomic<bool> m_bBegun{false};                // on m_pTarget, and not ended
 
     // A leaf: an abort reads the target under it.
     mutable CQsMutex m_lockState;

@@ -10,7 +10,9 @@ struct SQsStimulationAsyncParams
 {
     IQsStimulationDevice* pDevice = nullptr;
     IQsStimulationDevice::SQsStimulationType stimulation; // the request, with the groups that the device shall light
-    std::optional<std::uint64_t> aborts; // of the beampath when it began: the device stays dark after another one
+    // Count of the beampath's aborts and ends when it began; the device, one of the beampath's own, stays dark when it
+    // has risen since. Nothing: it begins whatever has come.
+    std::optional<std::uint64_t> withdrawals;
 };
 
 struct SQsStimulationEndParams

@@ -284,7 +284,7 @@ void BusyNeighbour(benchmark::State& state)
     const SSamples samples = MeasurePairs(state, ours, limit);
     if (!bStayedBusy || worst != QS_OK)
         return Fail(state, "the other device was not busy, or one of these not ready");
-    ReportMedians(samples, "the same of " + std::to_string(count) + " beside a busy device of another",
+    ReportMedians(samples, "operation through a beampath of " + std::to_string(count) + " beside a busy one",
                   "free lock + virtual call", 2.0);
 }
 BENCHMARK(BusyNeighbour)->Arg(1)->Arg(4)->Iterations(100)->UseManualTime();

@@ -43,7 +43,8 @@ function(qs_target target)
         target_compile_options(${target} PRIVATE /W4 /WX /permissive- /utf-8)
     else()
         target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor
-                                                 -Woverloaded-virtual -Werror)
+                                                 -Woverloaded-virtual -Werror
+                                                 -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
         if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
             target_compile_options(${target} PRIVATE -Wthread-safety -Wno-gnu-zero-variadic-macro-arguments)
         endif()

@@ -66,6 +66,7 @@ public:
         const wchar_t* m_location;
         QSqlDatabase m_database;
         bool m_bOK = false;
+        bool m_bEntered = false; // counted as open
     };
 
     // Reports the query's last error with where and at what it happened, deletes `exception` and throws it. [any

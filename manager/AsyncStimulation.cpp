@@ -137,6 +137,7 @@ int CQsStimulationDeviceManager::StimulateTimedWithActiveAsync(const SQsStimulat
     m_pFinish = finish;
     m_pUser = user;
     ++m_run;
+    m_abortsAtStart = m_aborts;
     if (pthread_create(&m_thread, nullptr, &StimulateTimedAsyncThreadProc, this) != 0)
     {
         m_pRequest.reset();
@@ -198,10 +199,13 @@ void* CQsStimulationDeviceManager::StimulateTimedAsyncThreadProc(void* pManager)
 
 int CQsStimulationDeviceManager::WaitForStimulationEnd(unsigned timeoutMs, bool bAbort)
 {
+    // While Update asks the devices what they are, the lists must not change; R may be lent meanwhile.
+    if (m_bListing)
+        return QS_ERR_FAIL;
     // Called out of a device or callback by an operation that has waited itself: what was started since has to wait for
-    // R before it reaches a device. While Update asks the devices what they are, the lists must not change.
+    // R before it reaches a device.
     if (m_lockR.IsChanging())
-        return m_bListing ? QS_ERR_FAIL : QS_OK;
+        return QS_OK;
 
     for (;;)
     {
@@ -216,11 +220,13 @@ int CQsStimulationDeviceManager::WaitForStimulationEnd(unsigned timeoutMs, bool 
         }
         const HANDLE hThread = pthread_getw32threadhandle_np(thread);
         // From the finish function or out of the device: it would wait for itself. Out of a device-state callback: the
-        // device may wait for the callback.
-        const bool bAwaitsCaller = CQsRegistryLock::WorkerRun() == run || CQsRegistryLock::IsAnnouncingThread();
+        // device may wait for the callback. Out of any operation of a sub-beampath's device, or an OC-command callback:
+        // the stimulation may wait for what the caller holds.
+        const bool bAwaitsCaller = CQsRegistryLock::WorkerRun() == run || CQsRegistryLock::IsAnnouncingThread() ||
+                                   CQsRegistryLock::IsHoldingThread();
         bool bEnded = false;
         {
-            const CQsRegistryLock::CParked parked(m_lockR, {run, {}});
+            const CQsRegistryLock::CParked parked(m_lockR, run);
             bEnded = pthreadCancelableTimedWait(hThread, bAwaitsCaller ? 0 : timeoutMs) == 0;
         }
         if (bEnded)
@@ -276,7 +282,7 @@ void CQsStimulationDeviceManager::AbortActiveDevice(CQsRegistryLock::Run run)
     }
     {
         // The worker may need R to get to where the abort reaches it.
-        const CQsRegistryLock::CParked parked(m_lockR, {run, {}});
+        const CQsRegistryLock::CParked parked(m_lockR, run);
         Abort(device);
     }
     CQsRTTI::Release(device);
@@ -284,6 +290,7 @@ void CQsStimulationDeviceManager::AbortActiveDevice(CQsRegistryLock::Run run)
 
 int CQsStimulationDeviceManager::StimulationAbort()
 {
+    ++m_aborts; // first: a worker that has not come to its beampath yet looks at it there
     const qs_int32 id = GetActiveStimulationBeampathId();
     IQsStimulationDevice* device = ReferencedBeampathDevice(id);
     if (device == nullptr && m_bDatabaseMode && !IsStimulating())
@@ -298,14 +305,19 @@ int CQsStimulationDeviceManager::StimulationAbort()
     return result;
 }
 
+bool CQsStimulationDeviceManager::IsAbortedSinceItsStart()
+{
+    const CQsScopedLock<CQsThreadsMutex> lock(m_lockS);
+    return m_run != 0 && CQsRegistryLock::WorkerRun() == m_run && m_abortsAtStart != m_aborts;
+}
+
 bool CQsStimulationDeviceManager::IsStimulating()
 {
     const CQsScopedLock<CQsThreadsMutex> lock(m_lockS);
     return m_pRunningDevice != nullptr;
 }
 
-void CQsStimulationDeviceManager::LendRegistryWhile(const CQsRegistryLock::SAwaited& awaited,
-                                                    const std::function<void()>& wait)
+void CQsStimulationDeviceManager::LendRegistryWhile(CQsRegistryLock::Run awaited, const std::function<void()>& wait)
 {
     const CQsRegistryLock::CParked parked(m_lockR, awaited);
     wait();

@@ -100,7 +100,8 @@ void CQsStimulationDeviceManager::RebuildBeampaths(const std::vector<SBeampathRo
             m_beampathDevices.erase(id);
         }
         // A stimulation may keep the device for a while; the notification below is not for it any more.
-        m_listeners.Erase(dynamic_cast<IQsStimulationDeviceManagerEventListener*>(device));
+        UnregisterStimulationDeviceManagerEventListener(
+            dynamic_cast<IQsStimulationDeviceManagerEventListener*>(device));
         CQsRTTI::Release(device);
     }
     for (const qs_int32 id : added)
@@ -319,8 +320,8 @@ qs_int32 CQsStimulationDeviceManager::SetSystemActiveStimulationOC(CQsStringW na
 {
     const CQsScopedLock<CQsRecursiveMutex> lock(m_lockOCNames);
     m_systemActiveOC = std::move(name);
-    // Looked up for the empty text alone, which names no beampath: hosts tell their optical configuration while they
-    // switch it, and this must not ask the database then. The id of a name stays what it was.
+    // Looked up for the empty text alone, which names no beampath. Setting a name never asks the database, and hosts
+    // that do so from their user interface count on that; the id stays what it was.
     return m_systemActiveOC.IsEmpty() ? FindSystemActiveBeampath(m_systemActiveOC) : QS_OK;
 }
 

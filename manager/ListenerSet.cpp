@@ -3,6 +3,7 @@
 #include "manager/DeviceCall.h"
 
 #include <algorithm>
+#include <chrono>
 
 void CQsListenerSet::Insert(Listener listener)
 {
@@ -15,11 +16,27 @@ void CQsListenerSet::Erase(Listener listener)
 {
     const CQsScopedLock<CQsMutex> lock(m_lock);
     m_listeners.erase(listener);
-    const auto isCalledElsewhere = [listener](const SCall& call)
-    { return call.listener == listener && call.thread != std::this_thread::get_id(); };
+}
+
+bool CQsListenerSet::IsCalledElsewhere(Listener listener) const
+{
+    return std::any_of(m_calls.begin(), m_calls.end(),
+                       [listener](const SCall& call)
+                       { return call.listener == listener && call.thread != std::this_thread::get_id(); });
+}
+
+bool CQsListenerSet::IsOtherThreadInside(Listener listener)
+{
+    const CQsScopedLock<CQsMutex> lock(m_lock);
+    return IsCalledElsewhere(listener);
+}
+
+void CQsListenerSet::WaitForLeaving(Listener listener)
+{
+    const CQsScopedLock<CQsMutex> lock(m_lock);
     std::unique_lock<std::mutex> native(m_lock.Native(), std::adopt_lock);
-    while (std::any_of(m_calls.begin(), m_calls.end(), isCalledElsewhere))
-        m_callEnded.wait(native);
+    if (IsCalledElsewhere(listener))
+        m_callEnded.wait_for(native, std::chrono::milliseconds(10));
     native.release();
 }
 

@@ -50,6 +50,7 @@ void CQsStimulationDeviceManager::FireCallbackForDeviceStateChange(IQsStimulatio
 void CQsStimulationDeviceManager::FireCallbackForStimulationOCCommand(EQsStimulationManagerOCCommand command)
 {
     const CQsScopedLock<CQsRecursiveMutex> lock(m_lockOC);
+    const CQsRegistryLock::CHoldingScope holding; // the worker of another stimulation may wait for the lock
     for (const OCCommandCallback callback : m_ocCommandCallbacks.Snapshot())
         callback(command);
 }
@@ -64,6 +65,9 @@ void CQsStimulationDeviceManager::UnregisterStimulationDeviceManagerEventListene
     IQsStimulationDeviceManagerEventListener* listener)
 {
     m_listeners.Erase(listener);
+    // Its owner destroys it next. Who is inside a beampath may need R to come out.
+    while (m_listeners.IsOtherThreadInside(listener))
+        LendRegistryWhile(0, [this, listener] { m_listeners.WaitForLeaving(listener); });
 }
 
 int CQsStimulationDeviceManager::NotifyStimulationDeviceManagerEventListeners()

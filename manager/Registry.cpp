@@ -484,7 +484,8 @@ bool CQsStimulationDeviceManager::AnyBeampathDevice(Query query)
     bool bAny = false;
     for (IQsStimulationDevice* const device : devices)
     {
-        bAny = bAny || (device != nullptr && query(*device));
+        bAny = bAny ||
+               (device != nullptr && QsCallOr(false, L"a feature query", __LINE__, [&] { return query(*device); }));
         CQsRTTI::Release(device);
     }
     return bAny;

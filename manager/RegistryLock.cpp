@@ -7,6 +7,7 @@ namespace {
 
 thread_local CQsRegistryLock::Run t_run = 0;
 thread_local unsigned t_announcements = 0;
+thread_local unsigned t_holdings = 0;
 
 } // namespace
 
@@ -43,6 +44,21 @@ CQsRegistryLock::CStateAnnouncement::~CStateAnnouncement()
     m_lock.unlock();
 }
 
+CQsRegistryLock::CHoldingScope::CHoldingScope()
+{
+    ++t_holdings;
+}
+
+CQsRegistryLock::CHoldingScope::~CHoldingScope()
+{
+    --t_holdings;
+}
+
+bool CQsRegistryLock::IsHoldingThread()
+{
+    return t_holdings != 0;
+}
+
 bool CQsRegistryLock::IsAnnouncingThread()
 {
     return t_announcements != 0;
@@ -59,11 +75,9 @@ bool CQsRegistryLock::IsLent(const SHolder& holder, bool bAnnouncement) const
         return false;
     // All waits of the innermost hold: who aborts devices while it waits for a stimulation waits for both.
     const auto isForThisThread = [&holder](const SParking& parking)
-    {
-        return parking.depth == holder.depth &&
-               ((t_run != 0 && parking.awaited.run == t_run) || parking.awaited.thread == std::this_thread::get_id());
-    };
-    return bAnnouncement || std::any_of(holder.parkings.begin(), holder.parkings.end(), isForThisThread);
+    { return parking.depth == holder.depth && t_run != 0 && parking.awaited == t_run; };
+    return bAnnouncement || t_holdings != 0 ||
+           std::any_of(holder.parkings.begin(), holder.parkings.end(), isForThisThread);
 }
 
 void CQsRegistryLock::Acquire(bool bAnnouncement)
@@ -106,7 +120,7 @@ void CQsRegistryLock::unlock()
     m_changed.notify_all();
 }
 
-bool CQsRegistryLock::Park(const SAwaited& awaited)
+bool CQsRegistryLock::Park(Run awaited)
 {
     {
         const std::lock_guard<std::mutex> guard(m_mutex);

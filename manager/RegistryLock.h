@@ -3,7 +3,9 @@
 // Operations that change the registry hold R while they wait for the stimulation's worker, and the worker needs R
 // itself: to choose its device, and for whatever the device or the finish function asks of the manager. So an owner
 // that waits parks its hold, and while it is parked
-//   - who it waits for may take R: the worker and the threads that work for it, or one thread; and
+//   - who it waits for may take R: the worker and the threads that work for it;
+//   - so may a thread that holds what the worker may be waiting for: the target of a sub-beampath, or the lock of the
+//     OC-command callbacks; and
 //   - any thread may take R to announce a device's state, since a device may be unable to end before its own thread has
 //     delivered that announcement.
 // Every other thread waits as if R were held; so does the worker of a stimulation that starts meanwhile, which
@@ -46,21 +48,12 @@ public:
     // Number of a stimulation; 0 is none.
     using Run = std::uint64_t;
 
-    // Whom a holder waits for: the threads that work for a stimulation, or one thread.
-    struct SAwaited
-    {
-        SAwaited(Run r = 0, std::thread::id t = {}) : run(r), thread(t) {}
-
-        Run run;
-        std::thread::id thread;
-    };
-
     // Parks the calling thread's hold for the lifetime of the object, while it waits; nothing when the thread is not
     // the last holder.
     class CParked
     {
     public:
-        CParked(CQsRegistryLock& lock, const SAwaited& awaited) : m_lock(lock), m_bParked(lock.Park(awaited)) {}
+        CParked(CQsRegistryLock& lock, Run awaited) : m_lock(lock), m_bParked(lock.Park(awaited)) {}
         ~CParked()
         {
             if (m_bParked)
@@ -92,13 +85,24 @@ public:
     // What further threads work for that the calling one has something done by: its own stimulation, or, where it works
     // for none, a new number that is no stimulation's.
     static Run RunOfCaller();
+    // Marks the calling thread, for the lifetime of the object, as holding something that the worker of a stimulation
+    // may have to wait for: it may take R from whoever waits, so that it comes to let that go.
+    class CHoldingScope
+    {
+    public:
+        CHoldingScope();
+        ~CHoldingScope();
+        CHoldingScope(const CHoldingScope&) = delete;
+        CHoldingScope& operator=(const CHoldingScope&) = delete;
+    };
+    static bool IsHoldingThread();    // inside a CHoldingScope
     static bool IsAnnouncingThread(); // inside a CStateAnnouncement
 
 private:
     struct SParking
     {
         unsigned depth = 0; // at which the holder waits
-        SAwaited awaited;
+        Run awaited = 0;
     };
 
     struct SHolder
@@ -113,7 +117,7 @@ private:
     };
 
     void Acquire(bool bAnnouncement);
-    bool Park(const SAwaited& awaited); // false when the thread is not the last holder
+    bool Park(Run awaited); // false when the thread is not the last holder
     void Unpark();
     bool IsLent(const SHolder& holder, bool bAnnouncement) const;
 

@@ -11,8 +11,8 @@
 // running stimulation. Operations tagged [host, no lock] read or change what Update rebuilds; the caller must not run
 // them beside it.
 //
-// Status: 0 = QS_OK; -4 null device; -9 QS_ERR_FAIL: missing entry, index out of range, stimulation still running;
-// -13 not found in a list, nothing could be activated.
+// Status: 0 = QS_OK; -4 null device; -8 and -12 not in database mode; -9 QS_ERR_FAIL: missing entry, index out of
+// range, stimulation still running; -13 not found in a list, nothing could be activated.
 #pragma once
 
 #include "device/StimulationDevice.h"
@@ -233,8 +233,10 @@ public:
 
     // Rebuilds the device map from the lists (static, special, option-configuration, shutters outside database mode,
     // simple; the first of a name wins) and activates the most recently used device, else the first by name. Aborts a
-    // running stimulation. 0; -9, nothing changed, on the stimulation's own worker; -13 when there is no device; else
-    // the status of the activation. Fires 2 and then 1 with R held. [host, takes R, blocks]
+    // running stimulation. In database mode restores the stimulation OC that is stored for the setup and user, and
+    // clears the present one when none is stored, which fires 64, 32 and 2 as SetStimulationOC does. 0; -9, nothing
+    // changed, on the stimulation's own worker; -13 when there is no device; else the status of the activation. Fires 2
+    // and then 1 with R held. [host, takes R, blocks]
     int Update();
 
     // --- beampaths (Beampaths.cpp)
@@ -285,12 +287,15 @@ public:
 
     // --- for the devices of the beampaths
 
+    // Whether the stimulation that the calling thread works for was aborted since it was asked for. [any thread]
+    bool IsAbortedSinceItsStart();
     // As GetStimulationDevicesForLogDevId, each device with one more reference, taken before anybody can drop it.
     // [any thread]
     int GetReferencedDevicesForLogDevId(unsigned id, std::set<IQsStimulationDevice*>& devices);
-    // Runs `wait`, which waits for a device and ends holding no lock that it did not begin with. Where the calling thread
-    // holds R, R is lent meanwhile to whom it waits for: the device may need it to go on. [any thread]
-    void LendRegistryWhile(const CQsRegistryLock::SAwaited& awaited, const std::function<void()>& wait);
+    // Runs `wait`, which waits for a device and ends holding no lock that it did not begin with. Where the calling
+    // thread holds R, R is lent meanwhile, also to the threads that work for `awaited`: the device may need it to go
+    // on. [any thread]
+    void LendRegistryWhile(CQsRegistryLock::Run awaited, const std::function<void()>& wait);
 
 private:
     friend struct CQsStimulationDeviceManagerTestAccess;
@@ -373,7 +378,7 @@ private:
     DeviceIdMap m_devicesByPhysDevId QS_GUARDED_BY(m_lockIds);
     CQsMutex m_lockIds; // a leaf, so that lookups by id never wait for R
     DeviceMap::iterator m_active QS_GUARDED_BY(m_lockR);
-    bool m_bListing = false; // Update asks the devices what they are; only its own thread, which holds R, looks at it
+    std::atomic<bool> m_bListing{false}; // Update asks the devices what they are
 
     CQsStringW m_stimulationOC QS_GUARDED_BY(m_lockOCNames);
     CQsStringW m_activeBeampathName QS_GUARDED_BY(m_lockOCNames);
@@ -409,6 +414,8 @@ private:
     QsThread m_thread QS_GUARDED_BY(m_lockS){};
     IQsStimulationDevice* m_pRunningDevice QS_GUARDED_BY(m_lockS) = nullptr; // the worker's; it holds the reference
     CQsRegistryLock::Run m_run QS_GUARDED_BY(m_lockS) = 0;                   // number of the last stimulation
+    std::uint64_t m_abortsAtStart QS_GUARDED_BY(m_lockS) = 0;                // of the last stimulation
+    std::atomic<std::uint64_t> m_aborts{0};                                  // StimulationAbort calls so far
     CQsThreadsMutex m_lockS;
     CQsRegistryLock m_lockR;
     CQsThreadsMutex m_lockT; // reserved

@@ -13,13 +13,13 @@ constexpr unsigned updateTimeoutMs = 5000;
 // Update asks the devices what they are.
 struct SListing
 {
-    explicit SListing(bool& bListing) : m_bListing(bListing) { m_bListing = true; }
+    explicit SListing(std::atomic<bool>& bListing) : m_bListing(bListing) { m_bListing = true; }
     ~SListing() { m_bListing = false; }
     SListing(const SListing&) = delete;
     SListing& operator=(const SListing&) = delete;
 
 private:
-    bool& m_bListing;
+    std::atomic<bool>& m_bListing;
 };
 
 // What the device map shall say of a device; nothing for one that is not listed.

@@ -15,8 +15,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <deque>
 #include <memory>
+#include <thread>
 
 namespace QsStandalone {
 
@@ -106,6 +108,28 @@ bool Connect(SThreadConnection& own, std::uint64_t epoch, const wchar_t* locatio
     return false;
 }
 
+// Scopes that are open on all threads, and whether the process ends. Qt's own tables of connections go when the process
+// ends; a thread of the pool that is in the middle of a query must come out before, and none may come in.
+std::atomic<unsigned> s_openScopes{0};
+std::atomic<bool> s_processEnds{false};
+
+void LeaveDatabaseAtExit()
+{
+    s_processEnds = true;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (s_openScopes != 0 && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+bool EnterScope()
+{
+    ++s_openScopes; // before the look, so that the end either sees the scope or is seen
+    if (!s_processEnds)
+        return true;
+    --s_openScopes;
+    return false;
+}
+
 bool HasConnection(SThreadConnection& own, const wchar_t* location)
 {
     const std::uint64_t epoch = s_epoch;
@@ -122,6 +146,9 @@ bool HasConnection(SThreadConnection& own, const wchar_t* location)
         return false;
     if ((own.epoch != epoch || !own.connection.IsAlive()) && !Connect(own, epoch, location))
         return false;
+    // After Qt has made its tables, so that this runs before they go.
+    static const int registered = std::atexit(&LeaveDatabaseAtExit);
+    static_cast<void>(registered);
     own.connection.BeginUse(s_longestScope);
     return true;
 }
@@ -354,8 +381,9 @@ void DeviceDBApi::DeviceDBDataE::Raise() const
 DeviceDBApi::CQsAutoDeviceDB::CQsAutoDeviceDB(const wchar_t* location, int /*flags*/)
     : m_location(location != nullptr ? location : L"")
 {
-    if (t_bEnded)
+    if (t_bEnded || !EnterScope())
         return;
+    m_bEntered = true;
     SThreadConnection& own = t_connection;
     ++own.scopes;
     const bool isWatched = AreStatementsWatched();
@@ -372,6 +400,12 @@ DeviceDBApi::CQsAutoDeviceDB::CQsAutoDeviceDB(const wchar_t* location, int /*fla
 DeviceDBApi::CQsAutoDeviceDB::~CQsAutoDeviceDB()
 {
     m_database = QSqlDatabase();
+    if (!m_bEntered)
+        return;
+    struct SLeave
+    {
+        ~SLeave() { --s_openScopes; }
+    } const leave;
     if (t_bEnded)
         return;
     SThreadConnection& own = t_connection;

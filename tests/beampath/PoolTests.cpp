@@ -434,9 +434,11 @@ TEST_F(Pool, LendsTheRegistryToWhomSomebodyWaitsForAndToNobodyElse)
     M().Update();
     CGate gate;
     IQsStimulationDevice* found = nullptr;
+    constexpr CQsRegistryLock::Run run = 77;
     std::thread awaited(
         [&]
         {
+            const CQsRegistryLock::CWorkerScope worker(run);
             gate.Pass();
             found = M().GetDevice(L"A"); // takes R
         });
@@ -444,7 +446,7 @@ TEST_F(Pool, LendsTheRegistryToWhomSomebodyWaitsForAndToNobodyElse)
     {
         const CQsScopedLock<CQsRegistryLock> lock(Access::LockR(M()));
         other = std::async(std::launch::async, [] { return M().GetDevice(L"A"); });
-        M().LendRegistryWhile({0, awaited.get_id()},
+        M().LendRegistryWhile(run,
                               [&]
                               {
                                   gate.Open();
@@ -457,6 +459,6 @@ TEST_F(Pool, LendsTheRegistryToWhomSomebodyWaitsForAndToNobodyElse)
     }
     EXPECT_EQ(&device, other.get());
     bool bRan = false;
-    M().LendRegistryWhile({}, [&bRan] { bRan = true; }); // of a thread that has nothing to lend
+    M().LendRegistryWhile(0, [&bRan] { bRan = true; }); // of a thread that has nothing to lend
     EXPECT_TRUE(bRan);
 }

@@ -523,6 +523,23 @@ TEST_F(ProxyTarget, ThatIsLitIsAbortedWithTheOneThatItWasExchangedFor)
     EXPECT_EQ(3u, QsStandalone::ReferenceCount(&a));
 }
 
+TEST_F(ProxyTarget, ThatIsLitAndFoundAgainIsEndedOnceAndNotAborted)
+{
+    CScriptedDevice& device = Target();
+    device.endTimes = {{1.0, 2.0}};
+    device.iEndResult = -6;
+    ASSERT_EQ(0, m_proxy->StimulationBegin(Continuous()));
+    Look();
+    EXPECT_TRUE(device.IsLit());
+    double begin = s_unwritten;
+    double end = s_unwritten;
+    EXPECT_EQ(-6, m_proxy->StimulationEnd(&begin, &end, 1));
+    EXPECT_EQ(1.0, begin);
+    EXPECT_EQ(2.0, end);
+    EXPECT_THAT(device.log.Entries(), ElementsAre("StimulationBegin(1, 0)", "StimulationEnd(1)"));
+    EXPECT_EQ(4u, QsStandalone::ReferenceCount(&device));
+}
+
 TEST_F(ProxyTarget, ThatIsLitIsPutOutWhenTheSubbeampathGoes)
 {
     CScriptedDevice& device = Target();

@@ -4,6 +4,7 @@
 #include "device/ShutterStimulationDevice.h"
 #include "manager/StimulationManager.h"
 #include "standalone/DeviceManager.h"
+#include "tests/support/DeviceFixture.h"
 #include "tests/support/FakeDevice.h"
 
 #include <gmock/gmock.h>

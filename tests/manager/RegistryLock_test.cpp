@@ -182,24 +182,29 @@ TEST_F(RegistryLock, IsLentToBothWhomOneHoldWaitsFor)
     EXPECT_FALSE(IsThrough(other, s_keptOut));
 }
 
-// A thread that waits for what another one is inside of.
-TEST_F(RegistryLock, IsLentToTheOneThreadThatItsOwnerWaitsFor)
+// The stimulation may wait for what such a thread holds.
+TEST_F(RegistryLock, IsLentToAThreadThatHoldsWhatOthersMayWaitForAsLongAsItDoes)
 {
-    std::promise<std::thread::id> id;
-    std::promise<void> parkedNow;
-    std::future<void> stranger;
-    std::future<void> other = std::async(std::launch::async,
-                                         [&]
-                                         {
-                                             id.set_value(std::this_thread::get_id());
-                                             parkedNow.get_future().wait();
-                                             const Scope scope(m_lock);
-                                         });
+    std::future<void> stranger; // ends after the scope
     const Scope scope(m_lock);
-    const Parked parked(m_lock, {0, id.get_future().get()});
-    stranger = LockOnWorker(m_lock);
-    parkedNow.set_value();
-    EXPECT_TRUE(IsThrough(other, s_patience));
+    const Parked parked(m_lock, s_run);
+    std::future<void> holding = std::async(std::launch::async,
+                                           [this]
+                                           {
+                                               const CQsRegistryLock::CHoldingScope held;
+                                               EXPECT_TRUE(CQsRegistryLock::IsHoldingThread());
+                                               const Scope borrowed(m_lock);
+                                           });
+    EXPECT_TRUE(IsThrough(holding, s_patience));
+    stranger = std::async(std::launch::async,
+                          [this]
+                          {
+                              {
+                                  const CQsRegistryLock::CHoldingScope held;
+                              }
+                              EXPECT_FALSE(CQsRegistryLock::IsHoldingThread());
+                              const Scope late(m_lock);
+                          });
     EXPECT_FALSE(IsThrough(stranger, s_keptOut));
 }
 

@@ -113,15 +113,15 @@ bool BecomesIdle(SItem& item)
 }
 
 // Begins and ends without a thread of the pool.
-class Pool : public testing::Test
+class ThreadPool : public testing::Test
 {
 protected:
-    Pool()
+    ThreadPool()
     {
         QsPlatform::SetPoolIdleTime(20);
         EXPECT_EQ(0u, QsPlatform::PoolThreads());
     }
-    ~Pool() override
+    ~ThreadPool() override
     {
         QsPlatform::FailThreadCreations(0);
         QsPlatform::FailPoolItems(0);
@@ -129,7 +129,7 @@ protected:
     }
 };
 
-TEST_F(Pool, RunsAnItemOnAnotherThread)
+TEST_F(ThreadPool, RunsAnItemOnAnotherThread)
 {
     bool bRan = false;
     SItem item([&] { bRan = true; });
@@ -139,7 +139,7 @@ TEST_F(Pool, RunsAnItemOnAnotherThread)
     EXPECT_NE(GetCurrentThreadId(), item.thread);
 }
 
-TEST_F(Pool, RunsEightThatBlockAtTheSameTime)
+TEST_F(ThreadPool, RunsEightThatBlockAtTheSameTime)
 {
     std::atomic<int> here{0};
     CEvent all(true);
@@ -160,7 +160,7 @@ TEST_F(Pool, RunsEightThatBlockAtTheSameTime)
     EXPECT_EQ(8, here);
 }
 
-TEST_F(Pool, RunsFiveHundredAtOnceAndTheOthersInTheirOrder)
+TEST_F(ThreadPool, RunsFiveHundredAtOnceAndTheOthersInTheirOrder)
 {
     constexpr unsigned most = 500;
     std::atomic<unsigned> here{0};
@@ -195,7 +195,7 @@ TEST_F(Pool, RunsFiveHundredAtOnceAndTheOthersInTheirOrder)
         EXPECT_TRUE(item.item.done.Wait());
 }
 
-TEST_F(Pool, AnIdleThreadTakesTheNextItem)
+TEST_F(ThreadPool, AnIdleThreadTakesTheNextItem)
 {
     QsPlatform::SetPoolIdleTime(3000);
     SItem first([] {});
@@ -208,7 +208,7 @@ TEST_F(Pool, AnIdleThreadTakesTheNextItem)
     EXPECT_EQ(1u, QsPlatform::PoolThreads());
 }
 
-TEST_F(Pool, TheMostRecentlyIdleThreadIsTakenFirst)
+TEST_F(ThreadPool, TheMostRecentlyIdleThreadIsTakenFirst)
 {
     QsPlatform::SetPoolIdleTime(3000);
     std::array<SBlocked, 3> blocked;
@@ -234,7 +234,7 @@ TEST_F(Pool, TheMostRecentlyIdleThreadIsTakenFirst)
     }
 }
 
-TEST_F(Pool, IdleThreadsEndAndTheNextItemGetsANewOne)
+TEST_F(ThreadPool, IdleThreadsEndAndTheNextItemGetsANewOne)
 {
     for (int round = 0; round < 3; ++round)
     {
@@ -251,7 +251,7 @@ TEST_F(Pool, IdleThreadsEndAndTheNextItemGetsANewOne)
     }
 }
 
-TEST_F(Pool, RunsEveryItemOnceWhileIdleThreadsEnd)
+TEST_F(ThreadPool, RunsEveryItemOnceWhileIdleThreadsEnd)
 {
     // Threads that end as soon as they are idle meet items that are just being handed to them.
     QsPlatform::SetPoolIdleTime(0);
@@ -284,7 +284,7 @@ TEST_F(Pool, RunsEveryItemOnceWhileIdleThreadsEnd)
     EXPECT_TRUE(Becomes([&] { return s_ran == 4 * itemCount; })) << s_ran;
 }
 
-TEST_F(Pool, AnItemIsNotLeftToAThreadThatIsJustEnding)
+TEST_F(ThreadPool, AnItemIsNotLeftToAThreadThatIsJustEnding)
 {
     // Each item meets the thread of the one before at the end of its idle time, and nothing else comes to take it.
     QsPlatform::SetPoolIdleTime(0);
@@ -305,13 +305,13 @@ TEST_F(Pool, AnItemIsNotLeftToAThreadThatIsJustEnding)
     }
 }
 
-TEST_F(Pool, RefusesAnItemWithoutAFunction)
+TEST_F(ThreadPool, RefusesAnItemWithoutAFunction)
 {
     EXPECT_EQ(FALSE, QueueUserWorkItem(nullptr, nullptr, WT_EXECUTELONGFUNCTION));
     EXPECT_EQ(0u, QsPlatform::PoolThreads());
 }
 
-TEST_F(Pool, RefusesItemsAsOftenAsItIsTold)
+TEST_F(ThreadPool, RefusesItemsAsOftenAsItIsTold)
 {
     std::atomic<int> ran{0};
     SItem item([&] { ++ran; });
@@ -324,7 +324,7 @@ TEST_F(Pool, RefusesItemsAsOftenAsItIsTold)
     EXPECT_EQ(1, ran);
 }
 
-TEST_F(Pool, RefusesAnItemWhenThereIsNoThreadAndNoneCanBeMade)
+TEST_F(ThreadPool, RefusesAnItemWhenThereIsNoThreadAndNoneCanBeMade)
 {
     std::atomic<int> ran{0};
     SItem item([&] { ++ran; });
@@ -337,7 +337,7 @@ TEST_F(Pool, RefusesAnItemWhenThereIsNoThreadAndNoneCanBeMade)
     EXPECT_EQ(1, ran);
 }
 
-TEST_F(Pool, AnItemWaitsForABusyThreadWhenNoneCanBeMade)
+TEST_F(ThreadPool, AnItemWaitsForABusyThreadWhenNoneCanBeMade)
 {
     SBlocked busy;
     SItem item([] {});
@@ -351,7 +351,7 @@ TEST_F(Pool, AnItemWaitsForABusyThreadWhenNoneCanBeMade)
     EXPECT_EQ(busy.item.thread, item.thread);
 }
 
-TEST_F(Pool, NeedsNoNewThreadWhileOneIsIdle)
+TEST_F(ThreadPool, NeedsNoNewThreadWhileOneIsIdle)
 {
     QsPlatform::SetPoolIdleTime(3000);
     SItem first([] {});
@@ -363,7 +363,7 @@ TEST_F(Pool, NeedsNoNewThreadWhileOneIsIdle)
     EXPECT_TRUE(second.done.Wait());
 }
 
-TEST_F(Pool, GivesDeviceCodeTheStackOfAnyThread)
+TEST_F(ThreadPool, GivesDeviceCodeTheStackOfAnyThread)
 {
     const auto sizeHere = []
     {
@@ -398,7 +398,7 @@ TEST_F(Pool, GivesDeviceCodeTheStackOfAnyThread)
     std::exit(bAsMeant && s_reachedToo->thread != 0 ? 0 : 1);
 }
 
-TEST(PoolAtExit, TheProcessEndsWhileItemsRunAndThreadsAreIdle)
+TEST(ThreadPoolAtExit, TheProcessEndsWhileItemsRunAndThreadsAreIdle)
 {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_EXIT(ExitWithThreadsOfThePool(), testing::ExitedWithCode(0), "");

@@ -196,8 +196,8 @@ TEST_P(DatabaseConnections, OfAnOpenScopeOutliveTheClosing)
         ASSERT_TRUE(scope.IsOK());
         CQsDeviceDatabase::Close();
         EXPECT_EQ(3, NumberOf(scope, "SELECT COUNT(*) FROM dev_BeamPath"));
-        const DeviceDBApi::CQsAutoDeviceDB inner(L"inner", 0);
-        EXPECT_FALSE(inner.IsOK());
+        EXPECT_FALSE(DeviceDBApi::CQsAutoDeviceDB(L"inner", 0).IsOK());
+        EXPECT_EQ(3, NumberOf(scope, "SELECT COUNT(*) FROM dev_BeamPath"));
     }
     EXPECT_EQ(0u, CQsDeviceDatabase::ConnectionCount());
 }

@@ -1,6 +1,7 @@
 #include "tests/support/Conformance.h"
 
 #include "standalone/HostControl.h"
+#include "tests/support/DeviceFixture.h"
 
 #include <array>
 #include <chrono>

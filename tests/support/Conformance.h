@@ -4,7 +4,7 @@
 // it.
 #pragma once
 
-#include "tests/support/DeviceFixture.h"
+#include "tests/support/CreatedDevice.h"
 
 #include <functional>
 #include <string>
