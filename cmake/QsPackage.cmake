@@ -1,7 +1,7 @@
 # Installation and the CMake package QsStimulation with its targets QsStimulation::Module and QsStimulation::Host.
 include(CMakePackageConfigHelpers)
 
-foreach(folder device manager beampath host platform)
+foreach(folder device manager beampath calibration host platform)
     install(DIRECTORY ${folder} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qsstimulation FILES_MATCHING PATTERN "*.h")
 endforeach()
 install(DIRECTORY standalone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qsstimulation FILES_MATCHING PATTERN "*.h")

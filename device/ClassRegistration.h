@@ -1,6 +1,6 @@
 // Registers a device class with the host's class system.
 //
-// Each class has three things, all made by QS_REGISTER_STIMULATION_CLASS in its .cpp:
+// Each class has three things, all made by QS_REGISTER_CLASS in its .cpp:
 //   sm_class<Class>            class information, constructed when the module loads
 //   QS_ConstructorFor<Class>   unmangled constructor export
 //   two text records           in the writable section "qsclass" of the module file, from which a plug-in loader learns
@@ -62,21 +62,23 @@ constexpr SPair<N1, N2> MakePair(const char16_t (&parents)[N1], const char16_t (
                                                                friendlyName) u"\" runtype=\"CQsStringW\"/>"            \
                                                                              u"</" QS_TO_U16(#Class) u"></variant>"
 
-// Once in the .cpp of the class, at namespace scope. `friendlyName` is a narrow string literal.
+// Once in the .cpp of the class, at namespace scope. `parent` and `friendlyName` are narrow string literals.
 // clang-format off
-#define QS_REGISTER_STIMULATION_CLASS(Class, friendlyName)                                                             \
+#define QS_REGISTER_CLASS(Class, parent, friendlyName)                                                                 \
     QS_DECLARE_DATA_SECTION(QS_CLASS_RECORD_SECTION);                                                                  \
     QS_DATA_SECTION(QS_CLASS_RECORD_SECTION)                                                                           \
     static auto s_classRecords##Class = QsClassRecords::MakePair(                                                      \
-        QS_CLASS_PARENTS_RECORD(Class, "IQsStimulationDevice"), QS_CLASS_VERSION_RECORD(Class, 1, friendlyName));      \
+        QS_CLASS_PARENTS_RECORD(Class, parent), QS_CLASS_VERSION_RECORD(Class, 1, friendlyName));                      \
     extern "C" QS_EXPORT IQsInterface* QS_ConstructorFor##Class(const char* file, unsigned int line)                   \
     {                                                                                                                  \
         return new (file, line) Class;                                                                                 \
     }                                                                                                                  \
     extern QS_EXPORT CQsClassInfo sm_class##Class;                                                                     \
-    CQsClassInfo sm_class##Class(#Class, "IQsStimulationDevice", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, \
-                                 nullptr, nullptr, sizeof(Class), &QS_ConstructorFor##Class)
+    CQsClassInfo sm_class##Class(#Class, parent, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,        \
+                                 nullptr, sizeof(Class), &QS_ConstructorFor##Class)
 // clang-format on
+#define QS_REGISTER_STIMULATION_CLASS(Class, friendlyName)                                                             \
+    QS_REGISTER_CLASS(Class, "IQsStimulationDevice", friendlyName)
 
 // The class name as wide text, exported as sm_classWcs<Class> for hosts that create the class by its wide name. Once in
 // the .cpp of the class, whose header declares the object.

@@ -5,3 +5,11 @@
 #include "host/QsSystem.h"
 
 #define QS_DIAG(...) DiagOutputExW(QS_DIAG_UNIT, __LINE__, __VA_ARGS__)
+
+// The same, when the log keeps detailed messages: otherwise nothing is formatted.
+#define QS_DIAG_DETAILED(...)                                                                                          \
+    do                                                                                                                 \
+    {                                                                                                                  \
+        if (QS_DiagIsDetailed())                                                                                       \
+            QS_DIAG(__VA_ARGS__);                                                                                      \
+    } while (false)

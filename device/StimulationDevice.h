@@ -135,6 +135,9 @@ public:
         int LoadFromLiteVariant(CQsLiteVariantR& r);
     };
 
+    struct SQsScanAreaHelper;       // device/ScanAreaGeometry.h
+    struct SQsTransformationHelper; // device/ChipTransformations.h
+
     IQsStimulationDevice() = default;
     // Copies carry nothing: the interface has no state.
     IQsStimulationDevice(const IQsStimulationDevice&) : IQsInterface() {}

@@ -5,7 +5,10 @@
 
 #include "host/QsHostApi.h"
 
+#include "host/QsSystem.h"
+
 #include <cstdint>
+#include <vector>
 
 struct CDMApi_LogDevId
 {
@@ -45,9 +48,37 @@ protected:
     ~IQsDMApiPluginNotification() = default;
 };
 
+// What the microscope is set to. Names are those of the host's devices; an empty one stands for none.
+struct SQsDMApiHardware
+{
+    struct SFilterChanger
+    {
+        CQsStringW sKey;  // of the changer
+        CQsStringW sName; // of the filter in place
+        qs_int32 iPosition = 0;
+    };
+    struct SMultilaser
+    {
+        CQsStringW sName;
+        std::uint32_t uiNumber = 0;
+    };
+
+    CQsStringW sMicroscope;
+    CQsStringW sObjective;
+    double dManualZoom = 0.0; // 0: no manual zoom
+    std::vector<CQsStringW> lights;
+    std::vector<SFilterChanger> filterChangers;
+    std::vector<SMultilaser> multilasers;
+    bool bIlluminatorConnected = false; // of the laser-stimulation illuminator
+    qs_int32 iIlluminatorPort = 0;
+};
+
 class QS_HOST_API DMApi
 {
 public:
+    // What the microscope is set to now. [any thread]
+    static SQsDMApiHardware Hardware_Get();
+
     // Opens or closes a shutter and returns when its blade has come to rest. `bTriggered` false: at once, without
     // waiting for a trigger; `bWait` true: wait for the blade. False when the shutter is missing or refused. [any
     // thread]
@@ -66,3 +97,8 @@ public:
     static void AppRntm_RegisterEvent(IQsDMApiPluginNotification* consumer, const wchar_t* eventName);
     static void AppRntm_UnregisterEvent(IQsDMApiPluginNotification* consumer, const wchar_t* eventName);
 };
+
+// The device manager's global lock: recursive, process-wide. Trying never waits; false when another thread holds it.
+// A thread that got it releases it as often. The number is the caller's importance, 1 for plug-ins. [any thread]
+QS_HOST_API bool DMApi_TryLockDeviceManager(int importance);
+QS_HOST_API void DMApi_ReleaseLockDeviceManager(int importance);

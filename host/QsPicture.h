@@ -27,3 +27,12 @@ public:
     // Deep copy; 0 on success. Source and destination may be the same.
     static int Copy(SQsRLEPicBuf& destination, const SQsRLEPicBuf& source);
 };
+
+// Dense linear algebra on plain arrays, row-major.
+class QS_HOST_API CQsMKL_API
+{
+public:
+    // Inverse of an order x order matrix; `out` and `in` may be the same. 0 on success. Not 0, and `out` unchanged, for
+    // a null array, order 0, a matrix that is singular to working precision or one with an element that is not finite.
+    static int InvertMatrix(double* out, const double* in, int order);
+};

@@ -12,6 +12,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -117,6 +118,9 @@ QS_HOST_API bool QS_StringToDouble(const wchar_t* text, double& value);
 
 // Leading decimal digits after blanks and an optional sign; 0 when there are none; saturates.
 QS_HOST_API int QS_wtoi(const wchar_t* text);
+
+// Folder of the settings files of plug-ins, absolute, without a separator at its end. Made when it is not there.
+QS_HOST_API CQsStringW QS_GetSettingsFolder();
 
 // ------------------------------------------------------------------------------------------------------ time and log
 
@@ -316,7 +320,7 @@ private:
     std::vector<CQsVariant> m_items;
 };
 
-struct SQsLiteLevel; // the store behind both lite variants
+struct SQsLiteLevel; // a level of the store behind both lite variants
 
 // Writer of a flat keyed store with levels. Keys keep the order in which they were set; setting a key of the current
 // level again replaces its value. Levels of equal, also empty, names may stand beside each other.
@@ -332,18 +336,22 @@ public:
     void SetBool(const wchar_t* key, bool value);
     void SetUnsigned(const wchar_t* key, std::uint32_t value);
     void SetBinary(const wchar_t* key, const void* bytes, std::size_t count);
+    void SetString(const wchar_t* key, const CQsStringW& value);
 
     void OpenLevel(const wchar_t* name);
     void CloseLevel(); // nothing at the top level
 
 private:
     friend class CQsLiteVariantR;
-    SQsLiteLevel* m_root;
+    std::shared_ptr<SQsLiteLevel> m_root;
     std::vector<SQsLiteLevel*> m_path;
 };
 
 // Reader of such a store. A missing key, or one of a type that does not convert, yields the default that is given. To
 // double convert unsigned and bool, to bool unsigned, to int unsigned and bool.
+//
+// A store is kept in a file as docs/formats.md describes it. Values come back bit for bit, levels and values in their
+// order. Every operation on files returns a status and writes one line to the log when it fails.
 class QS_HOST_API CQsLiteVariantR
 {
 public:
@@ -356,6 +364,7 @@ public:
     double GetDouble(const wchar_t* key, double defaultValue) const;
     bool GetBool(const wchar_t* key, bool defaultValue) const;
     qs_int32 GetInt(const wchar_t* key, qs_int32 defaultValue) const; // an unsigned value converts bit by bit
+    CQsStringW GetString(const wchar_t* key, const CQsStringW& defaultValue) const;
     // Copies at most `count` bytes and returns how many the store holds; 0 for a missing key. Bytes beyond them are
     // left as they are.
     std::size_t GetBinary(const wchar_t* key, void* bytes, std::size_t count) const;
@@ -363,9 +372,51 @@ public:
     std::size_t GetEntryCount() const;                // entries (values and levels) of the current level
     CQsStringW GetEntryName(std::size_t index) const; // empty when there is no such entry
     bool EnterLevel(const wchar_t* name);             // first level of that name; false: stays where it is
+    bool EnterEntry(std::size_t index);               // false when the entry is missing or a value: stays where it is
     void LeaveLevel();                                // nothing at the top level
 
+    // Replaces what the store holds by the file's content, every level closed. 0; -13 when there is no such file; -9
+    // when it cannot be read, is torn, or is no settings file. Then the store is unchanged. `bCheck` false: an end sum
+    // that does not fit is let through. `bMissingIsEmpty`: a missing file is an empty store, 0.
+    qs_int32 LoadFromFile(const wchar_t* path, bool bCheck, bool bMissingIsEmpty);
+
+    // Replaces the file atomically: at every moment, and after a crash, it holds the old or the new content whole. A
+    // file that is there and is not a whole settings file is kept beside it, as <path>.damaged, .damaged2, ... 0; -9
+    // when it cannot be written: then the old file is as it was. `bCompact`: without indentation. `bSync`: on the disk
+    // before the call returns. `bBackup`: what it replaces is kept as <path>.bak.
+    qs_int32 SaveToFile(const wchar_t* path, bool bCompact, bool bSync, bool bBackup) const;
+
+    // Adds what `other` holds and this store does not, behind what this store has, in its order. An entry whose name
+    // this level has, value or level, is not added; where both are levels they are merged in the same way, but for a
+    // level of this store that is a list (it has an unnamed value, or an unnamed level without levels in it): that is
+    // kept as a whole. So a list is never mixed of both, and a key that both hold has as many entries as this store
+    // gives it. Every level is closed.
+    void Merge(const CQsLiteVariantR& other);
+
+    // Replaces the entry at a path (level names, each after a backslash: "\\a\\b"), a level rather than a value of that
+    // name, by the first entry of `node`, in its place. 0, and every level closed; -13, and nothing changed, when there
+    // is no such entry; -9 when `node` is empty.
+    qs_int32 Replace(const wchar_t* path, const CQsLiteVariantR& node);
+
 private:
-    SQsLiteLevel* m_root;
+    std::shared_ptr<const SQsLiteLevel> m_root; // never changed: stores that hold the same share it
     std::vector<const SQsLiteLevel*> m_path;
+};
+
+// Keeps every other thread and process that asks for it from changing a settings file, from construction to the end of
+// the scope: whoever loads, changes and saves a file holds it meanwhile. Waits up to five seconds. Not recursive.
+class QS_HOST_API CQsSettingsFileLock
+{
+public:
+    explicit CQsSettingsFileLock(const wchar_t* path);
+    ~CQsSettingsFileLock();
+    CQsSettingsFileLock(const CQsSettingsFileLock&) = delete;
+    CQsSettingsFileLock& operator=(const CQsSettingsFileLock&) = delete;
+
+    // False when it could not be had; the log says so. Then the file is left alone.
+    bool IsHeld() const;
+
+private:
+    struct SLock;
+    std::unique_ptr<SLock> m_lock;
 };

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+class CQsSettingsReader;
+
 struct SSimulatedDeviceSettings
 {
     std::string name;        // unique name
@@ -33,6 +35,7 @@ struct SSimulatedDeviceSettings
     double ignoreAbortMs = 0.0; // aborts that come within this time of StimulationBegin are refused with -9
 };
 
-// The settings that the host holds for `className`, over `defaults`. Where they are malformed the host is told, one
-// line goes to the log, and the device has its defaults.
+// The settings that the host holds for `className`, over `defaults`; the defaults where they are malformed.
 SSimulatedDeviceSettings ReadDeviceSettings(const char* className, const SSimulatedDeviceSettings& defaults);
+// The keys that all devices have, for classes that read more than these.
+void ReadDeviceKeys(CQsSettingsReader& reader, SSimulatedDeviceSettings& settings);

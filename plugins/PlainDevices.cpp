@@ -4,13 +4,13 @@
 
 namespace {
 
-SSimulatedDeviceSettings PlainDefaults(const char* name, const char* displayName)
+SSimulatedDeviceSettings PlainSettings(const CQsClassInfo& info, const char* name, const char* displayName)
 {
     SSimulatedDeviceSettings settings;
     settings.name = name;
     settings.displayName = displayName;
     settings.kinds = {IQsStimulationDevice::eStimContinuous, IQsStimulationDevice::eStimTimed};
-    return settings;
+    return ReadDeviceSettings(info.GetName(), settings);
 }
 
 } // namespace
@@ -25,8 +25,9 @@ public:
 QS_REGISTER_STIMULATION_CLASS(CQsSimConfocalDevice, "Simulated confocal device");
 
 CQsSimConfocalDevice::CQsSimConfocalDevice()
-    : CQsSimulatedDevice(sm_classCQsSimConfocalDevice,
-                         PlainDefaults("CQsStimulationDeviceV4New", "Simulated confocal device"))
+    : CQsSimulatedDevice(
+          sm_classCQsSimConfocalDevice,
+          PlainSettings(sm_classCQsSimConfocalDevice, "CQsStimulationDeviceV4New", "Simulated confocal device"))
 {}
 
 class CQsSimGenericDevice : public CQsSimulatedDevice
@@ -38,5 +39,6 @@ public:
 QS_REGISTER_STIMULATION_CLASS(CQsSimGenericDevice, "Simulated device");
 
 CQsSimGenericDevice::CQsSimGenericDevice()
-    : CQsSimulatedDevice(sm_classCQsSimGenericDevice, PlainDefaults("CQsSimGenericDevice", "Simulated device"))
+    : CQsSimulatedDevice(sm_classCQsSimGenericDevice,
+                         PlainSettings(sm_classCQsSimGenericDevice, "CQsSimGenericDevice", "Simulated device"))
 {}

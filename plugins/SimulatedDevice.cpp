@@ -53,10 +53,9 @@ private:
     bool m_on;
 };
 
-CQsSimulatedDevice::CQsSimulatedDevice(const CQsClassInfo& info, const SSimulatedDeviceSettings& defaults)
-    : m_class(info), m_settings(ReadDeviceSettings(info.GetName(), defaults)),
-      m_name(CQsStringW::FromUtf8(m_settings.name)), m_hStop(CreateEventW(nullptr, TRUE, TRUE, nullptr)),
-      m_presetAreas(m_settings.areas)
+CQsSimulatedDevice::CQsSimulatedDevice(const CQsClassInfo& info, const SSimulatedDeviceSettings& settings)
+    : m_class(info), m_settings(settings), m_name(CQsStringW::FromUtf8(m_settings.name)),
+      m_hStop(CreateEventW(nullptr, TRUE, TRUE, nullptr)), m_presetAreas(m_settings.areas)
 {}
 
 CQsSimulatedDevice::~CQsSimulatedDevice()
@@ -160,9 +159,10 @@ unsigned int CQsSimulatedDevice::StimulationAreaGetCount()
     return AreaCountHolding();
 }
 
-void CQsSimulatedDevice::AppendAreas(const std::vector<CQsRoiObject>& regions, const SQsRLEPicBuf& picture,
-                                     const SQsScanAreaDesc* pScanArea, const SQsGrabberFormatDesc& format,
-                                     const CQsRectBase<int>& cameraRegion)
+CQsSimulatedDevice::SAreas CQsSimulatedDevice::MakeAreas(const std::vector<CQsRoiObject>& regions,
+                                                         const SQsRLEPicBuf& picture, const SQsScanAreaDesc* pScanArea,
+                                                         const SQsGrabberFormatDesc& format,
+                                                         const CQsRectBase<int>& cameraRegion)
 {
     SAreas areas;
     areas.regions = regions;
@@ -172,6 +172,15 @@ void CQsSimulatedDevice::AppendAreas(const std::vector<CQsRoiObject>& regions, c
         areas.scanArea = *pScanArea;
     areas.format = format;
     areas.cameraRegion = cameraRegion;
+    AcceptAreas(areas);
+    return areas;
+}
+
+void CQsSimulatedDevice::ReplaceAreas(SAreas areas)
+{
+    CQsScopedLock<CQsMutex> lock(m_areaLock);
+    m_presetAreas = 0;
+    m_areas.clear();
     m_areas.push_back(std::move(areas));
     m_uploaded = false;
 }
@@ -180,10 +189,7 @@ int CQsSimulatedDevice::StimulationAreaSet(const std::vector<CQsRoiObject>& regi
                                            const SQsScanAreaDesc* pScanArea, const SQsGrabberFormatDesc& format,
                                            const CQsRectBase<int>& cameraRegion)
 {
-    CQsScopedLock<CQsMutex> lock(m_areaLock);
-    m_presetAreas = 0;
-    m_areas.clear();
-    AppendAreas(regions, picture, pScanArea, format, cameraRegion);
+    ReplaceAreas(MakeAreas(regions, picture, pScanArea, format, cameraRegion));
     return QS_OK;
 }
 
@@ -192,9 +198,23 @@ int CQsSimulatedDevice::StimulationAreaAppendAsPattern(const std::vector<CQsRoiO
                                                        const SQsGrabberFormatDesc& format,
                                                        const CQsRectBase<int>& cameraRegion)
 {
+    SAreas areas = MakeAreas(regions, picture, pScanArea, format, cameraRegion);
     CQsScopedLock<CQsMutex> lock(m_areaLock);
-    AppendAreas(regions, picture, pScanArea, format, cameraRegion);
+    m_areas.push_back(std::move(areas));
+    m_uploaded = false;
     return QS_OK;
+}
+
+std::vector<CQsSimulatedDevice::SAreas> CQsSimulatedDevice::Areas()
+{
+    CQsScopedLock<CQsMutex> lock(m_areaLock);
+    return m_areas;
+}
+
+unsigned int CQsSimulatedDevice::PresetAreas()
+{
+    CQsScopedLock<CQsMutex> lock(m_areaLock);
+    return m_presetAreas;
 }
 
 int CQsSimulatedDevice::StimulationAreaGet(std::vector<CQsRoiObject>* pRegions, SQsRLEPicBuf* pPicture,
@@ -250,10 +270,19 @@ int CQsSimulatedDevice::StimulationAreaUpload()
                      {
                          if (!m_settings.connected)
                              return QS_ERR_FAIL;
-                         CQsScopedLock<CQsMutex> lock(m_areaLock);
-                         m_uploaded = true;
-                         return QS_OK;
+                         // First, so that areas that are set meanwhile make it untrue again.
+                         SetUploaded(true);
+                         const int status = PrepareLight();
+                         if (status != QS_OK)
+                             SetUploaded(false);
+                         return status;
                      });
+}
+
+void CQsSimulatedDevice::SetUploaded(bool uploaded)
+{
+    CQsScopedLock<CQsMutex> lock(m_areaLock);
+    m_uploaded = uploaded;
 }
 
 bool CQsSimulatedDevice::StimulationAreaIsUpToDate()
@@ -305,13 +334,16 @@ int CQsSimulatedDevice::Begin(const SQsStimulationType& type)
         return QS_ERR_FAIL;
     StartStimulation(type.uiType);
     if (m_settings.stateCallback)
-        ReportStateChange();
+        ReportStateChange(stateBegun);
+    const int prepared = PrepareLight();
+    if (prepared != QS_OK)
+        return Refuse(prepared);
     if (!Work(m_settings.beginMs))
         return QS_ERR_FAIL;
     if (m_settings.beginStatus != 0)
     {
         CQsJournal::Fault(JournalName(), "the begin fails");
-        return m_settings.beginStatus;
+        return Refuse(m_settings.beginStatus);
     }
     if (type.uiType == eStimRepeatedPatterns)
     {
@@ -327,6 +359,13 @@ int CQsSimulatedDevice::Begin(const SQsStimulationType& type)
     else
         WaitForStop(type.dDurationMs);
     return QS_OK;
+}
+
+int CQsSimulatedDevice::Refuse(int status)
+{
+    CQsScopedLock<CQsMutex> lock(m_lock);
+    m_stopped = true;
+    return status;
 }
 
 int CQsSimulatedDevice::Fire(double* pdBeginTime, double* pdEndTime)
@@ -428,11 +467,12 @@ bool CQsSimulatedDevice::WaitForStop(double ms)
 bool CQsSimulatedDevice::SwitchOn()
 {
     CQsScopedLock<CQsMutex> lock(m_lock);
-    if (m_stopped || m_lit)
+    std::string text;
+    if (m_stopped || m_lit || !LightComesOn(text))
         return false;
     m_times.push_back({QS_GetTimeCounter(), noTime});
     m_lit = true;
-    CQsJournal::LightOn(JournalName());
+    CQsJournal::LightOn(JournalName(), text);
     return true;
 }
 
@@ -448,20 +488,21 @@ void CQsSimulatedDevice::SwitchOffHolding()
     if (!m_lit)
         return;
     m_lit = false;
+    LightGoesOff();
     CQsJournal::LightOff(JournalName());
     m_times.back().end = QS_GetTimeCounter();
 }
 
 // The thread is not waited for: who hears of the change may wait for this very stimulation.
-void CQsSimulatedDevice::ReportStateChange()
+void CQsSimulatedDevice::ReportStateChange(unsigned int state)
 {
     AddRef();
     try
     {
         std::thread(
-            [this]
+            [this, state]
             {
-                DeviceStateChangedCallback(stateBegun);
+                DeviceStateChangedCallback(state);
                 Release();
             })
             .detach();

@@ -48,7 +48,7 @@ public:
     int StimulationAreaAppendAsPattern(const std::vector<CQsRoiObject>& regions, const SQsRLEPicBuf& picture,
                                        const SQsScanAreaDesc* pScanArea, const SQsGrabberFormatDesc& format,
                                        const CQsRectBase<int>& cameraRegion) override;
-    int StimulationAreaUpload() override; // -9 when not connected
+    int StimulationAreaUpload() override; // -9 when not connected, and what PrepareLight answers
     bool StimulationAreaIsUpToDate() override;
     int StimulationReady(bool, bool) override; // -9 when not connected
     bool StimulationIsReady(bool, CQsStringW* pReason) override;
@@ -74,25 +74,47 @@ protected:
         SQsScanAreaDesc scanArea;
         SQsGrabberFormatDesc format;
         CQsRectBase<int> cameraRegion;
+        SQsCameraState camera; // when the areas were given; of devices that have a camera
+        bool onChip = false;   // the picture is one of mirrors, not of the image
 
         std::size_t Count() const { return !regions.empty() ? regions.size() : picture.runs.empty() ? 0 : 1; }
     };
 
-    CQsSimulatedDevice(const CQsClassInfo& info, const SSimulatedDeviceSettings& defaults);
+    // `settings` are those that the device shall have.
+    CQsSimulatedDevice(const CQsClassInfo& info, const SSimulatedDeviceSettings& settings);
     ~CQsSimulatedDevice() override;
+
+    // --- hooks
+    // Areas that are about to be kept. Called without a lock.
+    virtual void AcceptAreas(SAreas&) {}
+    // Makes the light of the areas of now ready, before an upload answers and before a begin lights anything. Other
+    // than 0: they answer it, and nothing is lit. Called without a lock.
+    virtual int PrepareLight() { return QS_OK; }
+    // The light comes on, and what the journal shall say about it; false: it stays off. And it goes off. Called under
+    // the lock of the light: they take locks of their own only, and wait for nobody. A class that overrides them calls
+    // SwitchOff in its destructor.
+    virtual bool LightComesOn(std::string&) { return true; }
+    virtual void LightGoesOff() {}
 
     // Runs the operation between its two lines of the journal.
     int Journaled(const std::function<std::string()>& text, const std::function<int()>& operation);
     const std::string& JournalName() const { return m_settings.name; }
     // Adds a named pattern, or replaces it; false when the name is taken and must not be replaced.
     bool KeepPattern(SAreas pattern, bool overwrite);
+    void ReplaceAreas(SAreas areas); // all of them
+    std::vector<SAreas> Areas();
+    unsigned int PresetAreas(); // of the settings, until areas are set
 
-private:
     struct SLightTimes
     {
         double begin = -1.0;
         double end = -1.0;
     };
+    SLightTimes SwitchOff();
+    // Tells the manager from a thread of its own. Not before the object has a reference.
+    void ReportStateChange(unsigned int state);
+
+private:
     class CLight; // on until the end of its scope
 
     int Begin(const SQsStimulationType& type);
@@ -102,14 +124,14 @@ private:
     void StartStimulation(std::uint32_t kind);
     bool Work(double ms); // without light; false when aborted
     bool WaitForStop(double ms);
-    bool SwitchOn(); // false when aborted
-    SLightTimes SwitchOff();
+    int Refuse(int status); // a begin: nothing of its stimulation lights any more
+    bool SwitchOn();        // false when aborted, and when the light cannot come on
     void SwitchOffHolding() QS_REQUIRES(m_lock);
-    void ReportStateChange();
     void ThrowIn(const char* operation);
-    void AppendAreas(const std::vector<CQsRoiObject>& regions, const SQsRLEPicBuf& picture,
+    SAreas MakeAreas(const std::vector<CQsRoiObject>& regions, const SQsRLEPicBuf& picture,
                      const SQsScanAreaDesc* pScanArea, const SQsGrabberFormatDesc& format,
-                     const CQsRectBase<int>& cameraRegion) QS_REQUIRES(m_areaLock);
+                     const CQsRectBase<int>& cameraRegion);
+    void SetUploaded(bool uploaded);
     unsigned int AreaCountHolding() QS_REQUIRES(m_areaLock);
 
     const CQsClassInfo& m_class;

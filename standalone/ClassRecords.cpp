@@ -2,6 +2,7 @@
 #include "standalone/ClassRecords.h"
 
 #include "standalone/FileContents.h"
+#include "standalone/JsonText.h"
 #include "standalone/ObjectFile.h"
 
 #include <QString>
@@ -21,12 +22,18 @@ constexpr std::uint64_t maxFileBytes = 256u << 20;
 
 // ------------------------------------------------------------------------------------------------------- the records
 
+// Texts of the file stand quoted in messages: they may hold line ends, and be as long as the file.
+std::string Quoted(const QString& text)
+{
+    return QuoteForMessage(text.toStdString());
+}
+
 // The next element's beginning or end; anything else between elements is damage.
 QXmlStreamReader::TokenType NextElement(QXmlStreamReader& xml)
 {
     const auto token = xml.readNext();
     if (xml.hasError())
-        throw SDamage("it is not well-formed: " + xml.errorString().toStdString());
+        throw SDamage("it is not well-formed: " + Quoted(xml.errorString()));
     if (token == QXmlStreamReader::StartDocument)
         return NextElement(xml);
     const bool known = token == QXmlStreamReader::StartElement || token == QXmlStreamReader::EndElement ||
@@ -51,7 +58,7 @@ void ExpectEnd(QXmlStreamReader& xml)
 std::string ReadAttribute(QXmlStreamReader& xml, const char* name)
 {
     if (!xml.attributes().hasAttribute(QLatin1String(name)))
-        throw SDamage("<" + xml.name().toString().toStdString() + "> lacks \"" + name + "\"");
+        throw SDamage(Quoted(xml.name().toString()) + " lacks \"" + name + "\"");
     return xml.attributes().value(QLatin1String(name)).toString().toStdString();
 }
 
@@ -59,7 +66,7 @@ void ExpectAttribute(QXmlStreamReader& xml, const char* name, const char* value)
 {
     const std::string found = ReadAttribute(xml, name);
     if (found != value)
-        throw SDamage(std::string("expected ") + name + "=\"" + value + "\", found \"" + found + "\"");
+        throw SDamage(std::string("expected ") + name + "=\"" + value + "\", found " + QuoteForMessage(found));
 }
 
 // <name runtype="type" value="..."/>
@@ -81,7 +88,7 @@ std::string OpenRecord(QXmlStreamReader& xml, const char* type)
     const std::string name = xml.name().toString().toStdString();
     const auto isIdentifier = [](unsigned char c) { return c < 0x80 && (std::isalnum(c) != 0 || c == '_'); };
     if (!std::all_of(name.begin(), name.end(), isIdentifier))
-        throw SDamage("\"" + name + "\" is no class name");
+        throw SDamage(QuoteForMessage(name) + " is no class name");
     ExpectAttribute(xml, "runtype", type);
     return name;
 }
@@ -108,12 +115,12 @@ void ReadVersion(const QString& text, SClassRecord& record)
     QXmlStreamReader xml(text);
     const std::string name = OpenRecord(xml, "CQsListVariant");
     if (name != record.className)
-        throw SDamage("it belongs to \"" + name + "\", expected \"" + record.className + "\"");
+        throw SDamage("it belongs to " + QuoteForMessage(name) + ", expected " + QuoteForMessage(record.className));
     const QString version = QString::fromStdString(ReadValue(xml, "m_version", "qs_int32"));
     bool isNumber = false;
     record.version = version.toInt(&isNumber);
     if (!isNumber)
-        throw SDamage("m_version is \"" + version.toStdString() + "\", expected a number");
+        throw SDamage("m_version is " + Quoted(version) + ", expected a number");
     record.friendlyName = ReadValue(xml, "m_friendlyName", "CQsStringW");
     CloseRecord(xml);
 }

@@ -33,20 +33,22 @@ bool QsStandalone::ReadFileContents(const std::string& path, std::uint64_t maxBy
         if (!fs::is_regular_file(status))
             return Fail(path, "expected a file, found a pipe or a device", error);
 
-        const std::uintmax_t size = fs::file_size(file, code);
-        if (code)
-            return Fail(path, "cannot be read: " + code.message(), error);
-        if (size > maxBytes)
+        // The size of the file that is open: the path may be given to another one at any moment.
+        std::ifstream stream(file, std::ios::binary | std::ios::ate);
+        if (!stream)
+            return Fail(path, "cannot be opened", error);
+        const std::streamoff size = stream.tellg();
+        stream.seekg(0);
+        if (!stream || size < 0)
+            return Fail(path, "cannot be read", error);
+        if (static_cast<std::uint64_t>(size) > maxBytes)
             return Fail(path,
                         "has " + std::to_string(size) + " bytes, at most " + std::to_string(maxBytes) + " are expected",
                         error);
 
-        std::ifstream stream(file, std::ios::binary);
-        if (!stream)
-            return Fail(path, "cannot be opened", error);
         std::string bytes(static_cast<std::size_t>(size), '\0');
-        stream.read(bytes.data(), static_cast<std::streamsize>(size));
-        if (stream.bad() || static_cast<std::uintmax_t>(stream.gcount()) != size)
+        stream.read(bytes.data(), size);
+        if (stream.bad() || stream.gcount() != size)
             return Fail(path, "cannot be read to its end", error);
         contents = std::move(bytes);
         return true;

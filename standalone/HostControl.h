@@ -1,6 +1,8 @@
 // Switches of the stand-alone host that a real host sets by being what it is: used by the command line and by tests.
 #pragma once
 
+#include "host/QsDMApi.h"
+#include "host/QsGrabber.h"
 #include "host/QsSystem.h"
 
 #include <string>
@@ -15,6 +17,28 @@ QS_HOST_API void SetTimeCounter(double (*source)());
 // place, when it cannot be read; then the old catalogue stays. [host]
 QS_HOST_API bool LoadTranslations(const std::string& path, std::string& error);
 QS_HOST_API void ClearTranslations();
+
+// What QS_GetSettingsFolder answers; empty: a folder beside the registry store. [host]
+QS_HOST_API void SetSettingsFolder(const std::string& path);
+
+// What DMApi::Hardware_Get answers. [any thread]
+QS_HOST_API void SetHardware(const SQsDMApiHardware& hardware);
+
+// Makes DMApi_TryLockDeviceManager answer false. [any thread]
+QS_HOST_API void RefuseDeviceManagerLock(bool refuse);
+// Tries so far, and how often the lock is held now, by whichever thread. [any thread]
+struct SDeviceManagerLock
+{
+    std::uint64_t tries = 0;
+    std::uint64_t refusals = 0; // tries that were answered false
+    unsigned depth = 0;
+};
+QS_HOST_API SDeviceManagerLock DeviceManagerLock();
+
+// Cameras of CQsGrabberManager. The object is kept by pointer with a reference; false when the name is taken or the
+// pointer is null. [host]
+QS_HOST_API bool AddCamera(IQsGrabberCamera* camera);
+QS_HOST_API void RemoveCameras(); // releases them
 
 // What DeviceDBApi::IsInitialized answers; false at first, and what opening and closing a device database set, too.
 // Without an open one no connection is OK. [any thread]

@@ -6,6 +6,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
@@ -155,14 +156,6 @@ private:
     std::vector<SLevel> m_levels;
     bool m_failed = false;
 };
-
-unsigned LineAt(const std::string& text, std::size_t position)
-{
-    unsigned line = 1;
-    for (std::size_t i = 0; i < position && i < text.size(); ++i)
-        line += text[i] == '\n' ? 1 : 0;
-    return line;
-}
 
 std::string ExpectedAt(rapidjson::ParseErrorCode code)
 {
@@ -314,6 +307,20 @@ std::string QuoteForMessage(const std::string& text)
     return quoted + "\"";
 }
 
+unsigned JsonLineAt(const std::string& text, std::size_t position)
+{
+    const auto end = text.begin() + static_cast<std::ptrdiff_t>(std::min(position, text.size()));
+    return 1 + static_cast<unsigned>(std::count(text.begin(), end, '\n'));
+}
+
+SJsonFault JsonSyntaxFault(const std::string& text, int code, std::size_t position)
+{
+    const auto parseCode = static_cast<rapidjson::ParseErrorCode>(code);
+    return {JsonLineAt(text, position),
+            "expected " + ExpectedAt(parseCode) + ", found " +
+                (parseCode == rapidjson::kParseErrorDocumentEmpty ? "an empty file" : FoundAt(text, position))};
+}
+
 bool ReadJsonFile(const std::string& path, SJsonValue& root, SJsonFault& fault)
 {
     std::error_code ignored;
@@ -365,14 +372,7 @@ bool ParseJson(const std::string& text, SJsonValue& root, SJsonFault& fault)
     if (!reader.Parse<flags>(stream, builder).IsError())
         return true;
     if (!builder.HasFailed())
-    {
-        const std::size_t position = reader.GetErrorOffset();
-        const rapidjson::ParseErrorCode code = reader.GetParseErrorCode();
-        const std::string expected = ExpectedAt(code);
-        fault.line = LineAt(text, position);
-        fault.text = "expected " + expected + ", found " +
-                     (code == rapidjson::kParseErrorDocumentEmpty ? "an empty file" : FoundAt(text, position));
-    }
+        fault = JsonSyntaxFault(text, reader.GetParseErrorCode(), reader.GetErrorOffset());
     return false;
 }
 

@@ -54,6 +54,9 @@ constexpr unsigned s_deepestJson = 64;
 // False, with the fault, when the file cannot be read or is no such JSON.
 bool ReadJsonFile(const std::string& path, SJsonValue& root, SJsonFault& fault);
 bool ParseJson(const std::string& text, SJsonValue& root, SJsonFault& fault);
+// The fault of a parse by the library: its error code and the byte at which it stopped.
+SJsonFault JsonSyntaxFault(const std::string& text, int code, std::size_t position);
+unsigned JsonLineAt(const std::string& text, std::size_t position);
 // Compact JSON of the tree. Whole numbers are written without a fraction.
 std::string WriteJson(const SJsonValue& value);
 // Text for a message: in quotes, control characters replaced, cut after some 60 bytes.

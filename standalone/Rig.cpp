@@ -52,7 +52,7 @@ public:
             rig.translations = Absolute(translations);
         rig.hasDatabaseContent = m_root.Find("deviceDatabase") != nullptr;
         return ReadShutters(rig, fault) && ReadStimulationShutters(rig, fault) && ReadLogicalDevices(rig, fault) &&
-               ReadDevices(rig, fault);
+               ReadDevices(rig, fault) && ReadCameras(rig, fault) && ReadMicroscope(rig, fault);
     }
 
 private:
@@ -181,6 +181,55 @@ private:
                 return false;
             rig.devices.push_back(std::move(device));
         }
+        return true;
+    }
+
+    bool ReadCameras(SRig& rig, SJsonFault& fault)
+    {
+        CUnique<std::string> names("a camera name");
+        for (const SJsonValue& value : m_root.List("cameras"))
+        {
+            const CRigObject object(value, "camera");
+            const SJsonValue* settings = object.Find("settings");
+            SRigCamera camera{object.Text("class"), object.Text("name"), settings ? WriteJson(*settings) : "{}"};
+            if (!camera.name.empty() &&
+                !names.Enter(camera.name, QuoteForMessage(camera.name), object.LineOf("name"), fault))
+                return false;
+            rig.cameras.push_back(std::move(camera));
+        }
+        return true;
+    }
+
+    bool ReadMicroscope(SRig& rig, SJsonFault& fault)
+    {
+        const SJsonValue* value = m_root.Find("microscope");
+        if (!value)
+            return true;
+        const auto wide = [](const std::string& text) { return CQsStringW::FromUtf8(text); };
+        const CRigObject microscope(*value, "microscope");
+        SQsDMApiHardware& hardware = rig.hardware;
+        hardware.sMicroscope = wide(microscope.Text("name"));
+        hardware.sObjective = wide(microscope.Text("objective"));
+        hardware.dManualZoom = microscope.Number("manualZoom");
+        for (const SJsonValue& light : microscope.List("lights"))
+            hardware.lights.push_back(wide(light.text));
+        CUnique<std::string> keys("a filter changer's key");
+        for (const SJsonValue& item : microscope.List("filterChangers"))
+        {
+            const CRigObject changer(item, "filterChanger");
+            const std::string key = changer.Text("key");
+            if (!keys.Enter(key, QuoteForMessage(key), changer.LineOf("key"), fault))
+                return false;
+            hardware.filterChangers.push_back({wide(key), wide(changer.Text("name")), changer.Signed("position")});
+        }
+        for (const SJsonValue& item : microscope.List("multilasers"))
+        {
+            const CRigObject laser(item, "multilaser");
+            hardware.multilasers.push_back({wide(laser.Text("name")), laser.Whole("number")});
+        }
+        hardware.bIlluminatorConnected = microscope.Find("illuminatorPort") != nullptr;
+        if (hardware.bIlluminatorConnected)
+            hardware.iIlluminatorPort = microscope.Signed("illuminatorPort");
         return true;
     }
 

@@ -1,6 +1,7 @@
 // The rig: what a stand-alone microscope consists of, read from one JSON file (docs/formats.md).
 #pragma once
 
+#include "host/QsDMApi.h"
 #include "standalone/DeviceManager.h"
 
 #include <string>
@@ -19,6 +20,14 @@ struct SRigDevice
     std::string settings; // JSON object as text, for the device; the keys are the plug-in's
 };
 
+// A camera of a plug-in.
+struct SRigCamera
+{
+    std::string className;
+    std::string name;     // that the camera shall have; empty: the class's own
+    std::string settings; // JSON object as text, for the camera; the keys are the plug-in's
+};
+
 struct SRig
 {
     std::string path;
@@ -34,7 +43,9 @@ struct SRig
     std::vector<SStimulationShutter> stimulationShutters;
     std::vector<SLogicalDevice> logicalDevices;
     std::vector<SRigDevice> devices;
-    std::string translations; // catalogue file, absolute; empty: none
+    std::vector<SRigCamera> cameras;
+    SQsDMApiHardware hardware; // what the microscope is set to, for SetHardware
+    std::string translations;  // catalogue file, absolute; empty: none
     // The file has the content of a device database too, for ReadDatabaseContent.
     bool hasDatabaseContent = false;
 };

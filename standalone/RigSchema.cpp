@@ -18,6 +18,7 @@ constexpr double greatestDatabaseId = 2147483647.0;
 constexpr double greatestCall = static_cast<double>(SShutterSetup::never - 1);
 constexpr double longestMoveMs = 60000.0;
 constexpr double longestHangMs = 3600000.0;
+constexpr double greatestZoom = 1000.0;
 constexpr double longestName = 100.0;
 constexpr double longestPath = 4096.0;
 constexpr double longestDatabaseName = 255.0; // in characters; the columns' limit
@@ -137,6 +138,8 @@ const std::vector<SRigKey>& RigKeys()
         {"rig", "logicalDevices", Type::ObjectList, "", false, "[]", 0, 0, "", "logicalDevice",
          "logical devices that are no shutters"},
         {"rig", "devices", Type::ObjectList, "", false, "[]", 0, 0, "", "device", "devices of plug-ins"},
+        {"rig", "cameras", Type::ObjectList, "", false, "[]", 0, 0, "", "camera", "cameras of plug-ins"},
+        {"rig", "microscope", Type::Object, "", false, "none", 0, 0, "", "microscope", "what the microscope is set to"},
         {"rig", "translations", Type::Text, "", false, "none", 1, longestPath, "", "",
          "catalogue of translations; a relative path starts at the file's folder"},
         {"rig", "deviceDatabase", Type::Object, "", false, "none", 0, 0, "", "deviceDatabase",
@@ -186,6 +189,30 @@ const std::vector<SRigKey>& RigKeys()
          "unique name, unique among the devices"},
         {"device", "settings", Type::AnyObject, "", false, "{}", 0, 0, "", "",
          "settings of the device; the keys are its plug-in's"},
+
+        {"camera", "class", Type::Text, "", true, "", 1, longestName, "", "", "registered class of a module"},
+        {"camera", "name", Type::Text, "", false, "the class's own", 1, longestName, "", "",
+         "name of the camera, unique among the cameras"},
+        {"camera", "settings", Type::AnyObject, "", false, "{}", 0, 0, "", "",
+         "settings of the camera; the keys are its plug-in's"},
+
+        {"microscope", "name", Type::Text, "", false, "\"\"", 0, longestName, "", "", "name of the microscope"},
+        {"microscope", "objective", Type::Text, "", false, "\"\"", 0, longestName, "", "", "objective in place"},
+        {"microscope", "manualZoom", Type::Number, "", false, "0", 0, greatestZoom, "", "",
+         "zoom that was set by hand; 0: none"},
+        {"microscope", "lights", Type::TextList, "", false, "[]", 1, longestName, "", "", "lights that are there"},
+        {"microscope", "filterChangers", Type::ObjectList, "", false, "[]", 0, 0, "", "filterChanger",
+         "filter changers"},
+        {"microscope", "multilasers", Type::ObjectList, "", false, "[]", 0, 0, "", "multilaser", "lasers"},
+        {"microscope", "illuminatorPort", Type::Whole, "", false, "not connected", leastInt, greatestInt, "", "",
+         "port of the laser-stimulation illuminator"},
+        {"filterChanger", "key", Type::Text, "", true, "", 1, longestName, "", "",
+         "key of the changer, unique among the changers"},
+        {"filterChanger", "name", Type::Text, "", false, "\"\"", 0, longestName, "", "", "filter in place"},
+        {"filterChanger", "position", Type::Whole, "", false, "0", leastInt, greatestInt, "", "",
+         "position of the changer"},
+        {"multilaser", "name", Type::Text, "", true, "", 1, longestName, "", "", "name of the laser"},
+        {"multilaser", "number", Type::Whole, "", false, "0", 0, greatestId, "", "", "number of its line"},
 
         {s_databaseRoot, "format", Type::Choice, "", true, "", 0, 0, "stimulation-database", "", "what the file is"},
         {s_databaseRoot, "version", Type::Whole, "", true, "", 1, 1, "", "", "version of the format"},

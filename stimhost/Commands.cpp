@@ -4,6 +4,7 @@
 
 #include "platform/Export.h"
 #include "standalone/DeviceManager.h"
+#include "standalone/HostControl.h"
 #include "stimhost/Bounded.h"
 #include "stimhost/Database.h"
 #include "stimhost/Interruption.h"
@@ -34,6 +35,15 @@ constexpr SCommand s_commands[] = {
     {"list", &List, nullptr},
     {"activate", &Activate, nullptr},
     {"stimulate", &Stimulate, nullptr},
+    {"calibrate", &Calibrate, nullptr},
+    {"calibration list", &CalibrationList, nullptr},
+    {"calibration show", &CalibrationShow, nullptr},
+    {"calibration find", &CalibrationFind, nullptr},
+    {"calibration clear", &CalibrationClear, nullptr},
+    {"calibration why", &CalibrationWhy, nullptr},
+    {"map point", &MapPoint, nullptr},
+    {"map rect", &MapRect, nullptr},
+    {"map roi", &MapRoi, nullptr},
     {"demo", &Demo, nullptr},
     {"script list", [](const SOptions& options, CSession&) { return ScriptList(options); }, nullptr},
     {"script call", [](const SOptions& options, CSession&) { return ScriptCall(options); }, nullptr},
@@ -49,7 +59,7 @@ constexpr SCommand s_commands[] = {
     {"rig export", nullptr, &RigExport},
 };
 
-int Run(const SOptions& options)
+int Run(SOptions& options)
 {
     static CSession& session = *new CSession; // its devices are the manager's, which lives as long as the process
     std::string error;
@@ -66,7 +76,7 @@ int Run(const SOptions& options)
     return withRig ? command->withSession(options, session) : command->alone(options);
 }
 
-int RunAndCatch(const SOptions& options)
+int RunAndCatch(SOptions& options)
 {
     try
     {
@@ -114,5 +124,6 @@ int StimhostMain(int argc, char** argv)
     RemoveTemporaryFolder();
     if (ThreadsAreLeftBehind())
         std::_Exit(code); // they may still be inside a device; nothing of it may be tidied away under them
+    QsStandalone::RemoveCameras();
     return code;
 }

@@ -13,6 +13,7 @@ namespace Stimhost {
 
 class CSession;
 struct SBeampath;
+struct SRequest;
 
 int List(const SOptions& options, CSession& session);
 int Activate(const SOptions& options, CSession& session);
@@ -20,6 +21,22 @@ int ScriptList(const SOptions& options);
 int ScriptCall(const SOptions& options);
 int RegistryShow(const SOptions& options);
 int Stimulate(const SOptions& options, CSession& session);
+
+// What `stimulate` asks for, the n-th time.
+SRequest RequestOf(const SOptions& options, unsigned number);
+// `stimulate --roi`.
+int StimulateRegion(const SOptions& options, CSession& session);
+
+int Calibrate(const SOptions& options, CSession& session);
+int CalibrationList(const SOptions& options, CSession& session);
+int CalibrationShow(const SOptions& options, CSession& session);
+int CalibrationFind(const SOptions& options, CSession& session);
+int CalibrationClear(const SOptions& options, CSession& session);
+int CalibrationWhy(const SOptions& options, CSession& session);
+
+int MapPoint(const SOptions& options, CSession& session);
+int MapRect(const SOptions& options, CSession& session);
+int MapRoi(const SOptions& options, CSession& session);
 
 int ShowBeampaths(const SOptions& options, CSession& session);
 int OCShow(const SOptions& options, CSession& session);
@@ -33,9 +50,9 @@ int RigInit(const SOptions& options);
 int RigImport(const SOptions& options);
 int RigExport(const SOptions& options);
 
-// Before the session is opened: the folder for the results, and a registry that is not the user's. False, with one
-// line.
-bool PrepareDemo(const SOptions& options, std::string& error);
+// Before the session is opened: the folder for the results, and a registry and settings that are not the user's. False,
+// with one line.
+bool PrepareDemo(SOptions& options, std::string& error);
 int Demo(const SOptions& options, CSession& session);
 
 // Classes and devices, as a person reads them; beampaths, likewise.

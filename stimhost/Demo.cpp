@@ -45,6 +45,10 @@ int CDemoRun::Finish()
 
     Heading("Requested against measured");
     Say(Table(m_report.phases));
+    if (!m_report.calibrations.empty())
+        Say("\n" + CalibrationTable(m_report.calibrations));
+    if (!m_report.landings.empty())
+        Say("\n" + LandingTable(m_report.landings));
     const std::string report = m_options.out + "/report.json";
     const std::string timeline = m_options.out + "/timeline.svg";
     std::string error;
@@ -73,7 +77,7 @@ SRequest DemoRequest(const std::string& title, EKind kind, double durationMs, st
     return request;
 }
 
-bool PrepareDemo(const SOptions& options, std::string& error)
+bool PrepareDemo(SOptions& options, std::string& error)
 {
     std::error_code failure;
     std::filesystem::create_directories(options.out, failure);
@@ -82,10 +86,11 @@ bool PrepareDemo(const SOptions& options, std::string& error)
         error = options.out + ": expected a folder for the results: " + failure.message();
         return false;
     }
-    const std::string registry = TemporaryPath("registry", error);
-    if (options.registryFolder.empty() && !registry.empty())
-        UseRegistryFolder(registry); // never the user's own
-    return !registry.empty();
+    for (const auto& [folder, name] :
+         {std::pair(&options.registryFolder, "registry"), std::pair(&options.settingsFolder, "settings")})
+        if (folder->empty() && (*folder = TemporaryPath(name, error)).empty())
+            return false;
+    return true;
 }
 
 int Demo(const SOptions& options, CSession& session)
@@ -95,6 +100,8 @@ int Demo(const SOptions& options, CSession& session)
     CDemoRun run(session, options);
     if (QsStandalone::CQsDeviceDatabase::IsOpen())
         DemonstrateBeampaths(run);
+    else if (!session.Rig().cameras.empty())
+        DemonstrateOptics(run);
     else
         DemonstrateDevices(run);
     return run.Finish();

@@ -1,4 +1,4 @@
-// What both demos share: the account, the promises, the report.
+// What the demos share: the account, the promises, the report.
 #pragma once
 
 #include "stimhost/Options.h"
@@ -30,6 +30,10 @@ public:
     // The same, and checks what holds for every stimulation that succeeds.
     SPhase& Stimulate(const SRequest& request);
 
+    // For the report and the tables at the end.
+    void Keep(SCalibrationFigures figures) { m_report.calibrations.push_back(std::move(figures)); }
+    void Keep(SLanding landing) { m_report.landings.push_back(std::move(landing)); }
+
     std::vector<SSignal> TakeSignals() { return m_signals.Take(); } // since the last time
 
     // No light is on; table, report and picture. The exit code.
@@ -48,6 +52,8 @@ SRequest DemoRequest(const std::string& title, EKind kind, double durationMs, st
 
 // The devices one by one, without a device database.
 void DemonstrateDevices(CDemoRun& run);
+// A calibration against a camera, and where the light lands with it.
+void DemonstrateOptics(CDemoRun& run);
 // The beampaths of a device database.
 void DemonstrateBeampaths(CDemoRun& run);
 

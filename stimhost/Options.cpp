@@ -1,9 +1,12 @@
 #include "stimhost/Options.h"
 
+#include "stimhost/RoiText.h"
 #include "stimhost/Text.h"
 
 #include <CLI/CLI.hpp>
 
+#include <charconv>
+#include <cmath>
 #include <sstream>
 
 namespace Stimhost {
@@ -34,6 +37,52 @@ const CLI::Validator s_milliseconds(
 // A script's variable that is not set must not pass for the default.
 const CLI::Validator
     s_path([](std::string& text) { return text.empty() ? "expected a name, found none" : std::string(); }, "");
+
+// Sensors are smaller, and sums of such numbers stay whole.
+constexpr double s_longestSide = 1e6;
+
+// "L,T,R,B" of whole numbers with something between them; empty where that is not so.
+std::vector<int> ReadRegion(const std::string& text)
+{
+    const std::optional<std::vector<double>> sides = ReadNumbers(text, 4);
+    std::vector<int> region;
+    if (!sides)
+        return region;
+    for (const double side : *sides)
+        if (side != std::floor(side) || std::fabs(side) > s_longestSide)
+            return region;
+    for (const double side : *sides)
+        region.push_back(static_cast<int>(side));
+    if (region[2] <= region[0] || region[3] <= region[1])
+        region.clear();
+    return region;
+}
+
+bool ReadFilter(const std::string& text, SOptions::SFilter& filter)
+{
+    // The name may hold the marks, too: the first "=" and the last ":" count.
+    const std::size_t equals = text.find('=');
+    const std::size_t colon = text.rfind(':');
+    if (equals == std::string::npos || equals == 0 || colon == std::string::npos || colon < equals)
+        return false;
+    const char* const end = text.data() + text.size();
+    const auto [last, fault] = std::from_chars(text.data() + colon + 1, end, filter.position);
+    filter.key = text.substr(0, equals);
+    filter.name = text.substr(equals + 1, colon - equals - 1);
+    return fault == std::errc() && last == end;
+}
+
+bool ReadGrid(const std::string& text, unsigned& columns, unsigned& rows)
+{
+    constexpr unsigned most = 40;
+    const char* const end = text.data() + text.size();
+    const auto first = std::from_chars(text.data(), end, columns);
+    if (first.ec != std::errc() || first.ptr == end || *first.ptr != 'x')
+        return false;
+    const auto second = std::from_chars(first.ptr + 1, end, rows);
+    return second.ec == std::errc() && second.ptr == end && columns >= 1 && rows >= 1 && columns <= most &&
+           rows <= most;
+}
 
 // Ids of the device database start at 1.
 const CLI::Range s_id(1, 2147483647);
@@ -92,6 +141,72 @@ void AddGlobal(CLI::App& app, SOptions& options)
         ->type_name("LEVEL")
         ->capture_default_str();
     app.add_flag("--verbose", options.verbose, "Write the diagnostic log to stderr");
+    app.add_option("--settings", options.settingsFolder, "Folder of saved calibrations (default: the user's)")
+        ->check(s_path)
+        ->type_name("DIR");
+}
+
+// An option whose text `read` takes apart; the message says what was expected in place of what is no such text.
+template <class Read>
+CLI::Option* AddRead(CLI::App& app, const std::string& name, const std::string& description, const std::string& form,
+                     const std::string& expected, Read read)
+{
+    return app
+        .add_option_function<std::string>(
+            name,
+            [name, expected, read](const std::string& text)
+            {
+                if (!read(text))
+                    throw CLI::ValidationError(name, "expected " + expected + ", found \"" + text + "\"");
+            },
+            description)
+        ->type_name(form);
+}
+
+void AddHardware(CLI::App& app, SOptions& options)
+{
+    const std::string group = "Cameras and microscope, for this run";
+    app.add_option("--camera-rotation", options.cameraRotation, "Rotation of the image against the sensor")
+        ->check(CLI::IsMember({0, 90, 180, 270}))
+        ->type_name("DEGREES")
+        ->group(group);
+    app.add_flag("--camera-flip", options.cameraFlip, "Mirror the image top to bottom")->group(group);
+    app.add_option("--camera-binning", options.cameraBinning, "Sensor pixels in one image pixel, either way")
+        ->check(CLI::IsMember({1, 2, 4, 8}))
+        ->type_name("N")
+        ->group(group);
+    AddRead(app, "--camera-region", "Part of the sensor that is read out [sensor pixels]", "L,T,R,B",
+            "left, top, right and bottom as four whole numbers with commas",
+            [&options](const std::string& text)
+            {
+                options.cameraRegion = ReadRegion(text);
+                return !options.cameraRegion.empty();
+            })
+        ->group(group);
+    app.add_option("--objective", options.objective, "Objective in place; empty: none")
+        ->type_name("NAME")
+        ->group(group);
+    app.add_option("--zoom", options.zoom, "Manual zoom; 0: none")
+        ->check(CLI::Range(0.0, 1000.0))
+        ->type_name("X")
+        ->group(group);
+    app.add_option_function<std::vector<std::string>>(
+           "--filter",
+           [&options](const std::vector<std::string>& texts)
+           {
+               for (const std::string& text : texts)
+               {
+                   SOptions::SFilter filter;
+                   if (!ReadFilter(text, filter))
+                       throw CLI::ValidationError(
+                           "--filter", "expected KEY=NAME:POSITION with a whole number, found \"" + text + "\"");
+                   options.filters.push_back(filter);
+               }
+           },
+           "Filter in place of a filter changer")
+        ->type_name("KEY=NAME:POSITION")
+        ->allow_extra_args(false)
+        ->group(group);
 }
 
 void AddOC(CLI::App& command, SOptions& options)
@@ -130,7 +245,15 @@ void AddStimulate(CLI::App& app, SOptions& options)
         ->check(s_milliseconds)
         ->type_name("MS")
         ->capture_default_str();
-    stimulate->add_option("--picture", options.picture, "Write the timeline")->check(s_path)->type_name("FILE.svg");
+    stimulate
+        ->add_option("--roi", options.roi,
+                     "Light this region of the camera's image [image pixels]: \"ellipse CX,CY,RX,RY\" or \"polygon X,Y "
+                     "X,Y X,Y ...\"")
+        ->check(s_path)
+        ->type_name("TEXT");
+    stimulate->add_option("--picture", options.picture, "Write the timeline; of a region, what the camera saw")
+        ->check(s_path)
+        ->type_name("FILE.svg");
     stimulate->add_option("--report", options.report, "Write the JSON report")->check(s_path)->type_name("FILE");
     AddJson(*stimulate, options);
 }
@@ -154,6 +277,73 @@ void AddBeampaths(CLI::App& app, SOptions& options)
         ->type_name("GROUP=ID");
     AddOC(*save, options);
     AddJson(*save, options);
+}
+
+void AddDevice(CLI::App& command, SOptions& options)
+{
+    command
+        .add_option("--device", options.device,
+                    "Device with a calibration (default: the active one, or the first that has one)")
+        ->check(s_path)
+        ->type_name("NAME");
+}
+
+void AddCalibration(CLI::App& app, SOptions& options)
+{
+    CLI::App* calibrate =
+        Command(app, "calibrate", "Measure where a device's mirrors light, on the camera's image", options);
+    AddDevice(*calibrate, options);
+    AddRead(*calibrate, "--grid", "Spots to project (default: 7x5)", "NxM",
+            "columns and rows as NxM, each from 1 to 40",
+            [&options](const std::string& text) { return ReadGrid(text, options.gridColumns, options.gridRows); });
+    calibrate->add_flag("--save", options.save, "Save it for the hardware of now");
+    calibrate->add_option("--picture", options.picture, "Write what the camera saw, with the residuals")
+        ->check(s_path)
+        ->type_name("FILE.svg");
+    AddJson(*calibrate, options);
+
+    CLI::App& calibration = Group(app, "calibration", "Saved calibrations, and the one of now");
+    const auto add = [&](const char* name, const char* description)
+    {
+        CLI::App* command = Command(calibration, name, description, options);
+        AddDevice(*command, options);
+        AddJson(*command, options);
+        return command;
+    };
+    add("list", "What is saved");
+    add("show", "The calibration of now");
+    add("find", "Find the saved one that fits the hardware of now, and adopt it");
+    add("clear", "Forget all that are saved")->add_flag("--yes", options.yes, "Do it");
+    add("why", "What keeps each saved one from fitting the hardware of now");
+}
+
+void AddMap(CLI::App& app, SOptions& options)
+{
+    CLI::App& map = Group(app, "map", "Places on the image, in the scanner's field and on the chip");
+    const auto add = [&](const char* name, const char* description, const char* form, std::string& place)
+    {
+        CLI::App* command = Command(map, name, description, options);
+        command->add_option("place", place, "The place, in the frame that it comes from")
+            ->required()
+            ->check(s_path)
+            ->type_name(form);
+        for (const auto& [flag, frame] : {std::pair("--from", &options.from), std::pair("--to", &options.to)})
+            command->add_option(flag, *frame, "Frame")
+                ->check(CLI::IsMember({"image", "area", "chip"}))
+                ->type_name("image|area|chip")
+                ->capture_default_str();
+        command
+            ->add_option("--scan-area", options.scanArea,
+                         "Scan area of the image: zoom=, angle= [deg], x=, y=, aspect=, crop-zoom=, crop-aspect=, "
+                         "crop-x=, crop-y=, reference-zoom=, with commas (default: the full field)")
+            ->check(s_path)
+            ->type_name("TEXT");
+        AddDevice(*command, options);
+        AddJson(*command, options);
+    };
+    add("point", "A point", "X,Y", options.place);
+    add("rect", "A rectangle", "L,T,R,B", options.place);
+    add("roi", "A region", "FILE|TEXT", options.place);
 }
 
 void AddRig(CLI::App& app, SOptions& options)
@@ -188,6 +378,7 @@ std::optional<int> ReadOptions(int argc, char** argv, SOptions& options)
     app.require_subcommand(1);
     app.set_version_flag("--version", "stimhost " QS_VERSION);
     AddGlobal(app, options);
+    AddHardware(app, options);
 
     CLI::App* list = Command(app, "list", "Classes, devices, recently used devices and options", options);
     AddJson(*list, options);
@@ -209,6 +400,8 @@ std::optional<int> ReadOptions(int argc, char** argv, SOptions& options)
     AddJson(*activate, options);
 
     AddStimulate(app, options);
+    AddCalibration(app, options);
+    AddMap(app, options);
     AddBeampaths(app, options);
 
     CLI::App& script = Group(app, "script", "Registered script procedures");
@@ -228,7 +421,7 @@ std::optional<int> ReadOptions(int argc, char** argv, SOptions& options)
     AddRig(app, options);
 
     CLI::App* demo = Command(app, "demo", "Run the rig through its paces and check every promise", options);
-    demo->add_option("--out", options.out, "Folder of report.json and timeline.svg")
+    demo->add_option("--out", options.out, "Folder of report.json and the pictures")
         ->check(s_path)
         ->type_name("DIR")
         ->capture_default_str();

@@ -22,6 +22,22 @@ struct SOptions
     std::string logLevel = "normal";
     bool verbose = false;
     bool json = false;
+    std::string settingsFolder; // empty: the user's
+
+    // Changes of the rig's cameras and microscope for this run; absent, or empty: as the rig says.
+    struct SFilter
+    {
+        std::string key;
+        std::string name;
+        std::int32_t position = 0;
+    };
+    std::optional<int> cameraRotation; // [deg]
+    bool cameraFlip = false;
+    std::optional<int> cameraBinning;
+    std::vector<int> cameraRegion; // left, top, right, bottom
+    std::optional<std::string> objective;
+    std::optional<double> zoom;
+    std::vector<SFilter> filters;
 
     std::string command; // "list", "script call", ...
 
@@ -41,8 +57,19 @@ struct SOptions
     std::optional<std::string> oc;     // also groups, and what oc set sets
     std::optional<double> abortAfterMs;
     double graceMs = 10000.0;
-    std::string picture;
+    std::string picture; // also calibrate
     std::string report;
+    std::string roi;
+
+    unsigned gridColumns = 7; // calibrate, with `device`, `save` and `picture`
+    unsigned gridRows = 5;
+
+    bool yes = false; // calibration clear
+
+    std::string from = "image"; // map
+    std::string to = "chip";
+    std::string place; // the point, the rectangle
+    std::string scanArea;
 
     std::vector<std::string> assignments; // groups save
 

@@ -153,6 +153,31 @@ void WritePhase(CJson& json, const SPhase& phase, double firstStartMs)
     json.EndObject();
 }
 
+void WriteFigures(CJson& json, const SCalibrationFigures& figures)
+{
+    json.Object().Text("title", figures.title).Text("camera", figures.camera).Text("refusal", figures.refusal);
+    json.Integer("projected", figures.projected).Integer("found", figures.found).Integer("inliers", figures.inliers);
+    json.Real("rmsPx", figures.rmsPx).Real("largestPx", figures.largestPx).Real("condition", figures.condition);
+    json.EndObject();
+}
+
+void WriteLanding(CJson& json, const SLanding& landing)
+{
+    json.Object().Text("title", landing.title).Text("region", landing.roi).Text("camera", landing.camera);
+    json.Text("calibration", landing.calibration).Integer("state", landing.state);
+    json.Text("stateName", StateName(landing.state)).Text("refusal", landing.refusal);
+    json.Integer("requestedPixels", static_cast<long long>(PixelCount(landing.requested)));
+    json.Real("reach", landing.reach).Flag("lightSeen", landing.light.has_value());
+    if (landing.light)
+    {
+        const SLitRegion& light = *landing.light;
+        json.Integer("litPixels", light.pixels).Real("overlap", light.overlap).Real("centreErrorPx", landing.errorPx);
+        json.Pair("requestedCentre", light.requestedCentre.x, light.requestedCentre.y);
+        json.Pair("centre", light.centre.x, light.centre.y);
+    }
+    json.EndObject();
+}
+
 } // namespace
 
 SReport ReportOf(const QsStandalone::SRig& rig)
@@ -208,6 +233,42 @@ std::vector<std::string> Notes(const SPhase& phase)
     return notes;
 }
 
+std::string CalibrationTable(const std::vector<SCalibrationFigures>& calibrations)
+{
+    std::size_t width = 11;
+    for (const SCalibrationFigures& figures : calibrations)
+        width = std::max(width, figures.title.size());
+    std::string text = Padded("  calibration", width + 4) +
+                       Row({"projected", "found", "fit", "rms", "largest", "condition"}) + "  [camera px]\n";
+    for (const SCalibrationFigures& figures : calibrations)
+        text += "  " + Padded(figures.title, width + 2) +
+                Row({std::to_string(figures.projected), std::to_string(figures.found), std::to_string(figures.inliers),
+                     Number(figures.rmsPx, 3), Number(figures.largestPx, 3), Number(figures.condition, 2)}) +
+                (figures.refusal.empty() ? "" : "  refused: " + figures.refusal) + "\n";
+    return text;
+}
+
+std::string LandingTable(const std::vector<SLanding>& landings)
+{
+    std::size_t width = 8;
+    for (const SLanding& landing : landings)
+        width = std::max(width, landing.title.size());
+    std::string text = Padded("  region", width + 4) + Padded("calibration state", 22) +
+                       Row({"error", "overlap", "on chip"}) + "  [camera px, intersection by union, part]\n";
+    for (const SLanding& landing : landings)
+    {
+        text += "  " + Padded(landing.title, width + 2) +
+                Padded(std::to_string(landing.state) + " " + StateName(landing.state), 22);
+        if (landing.light)
+            text += Row({Number(landing.errorPx, 3), Number(landing.light->overlap, 3), Number(landing.reach, 3)});
+        else
+            text += Row({"-", "-", Number(landing.reach, 3)}) + "  " +
+                    (landing.refusal.empty() ? "the camera saw no light" : "refused, nothing lit");
+        text += "\n";
+    }
+    return text;
+}
+
 std::string ReportJson(const SReport& report)
 {
     CJson json;
@@ -216,6 +277,12 @@ std::string ReportJson(const SReport& report)
     json.Array("phases");
     for (const SPhase& phase : report.phases)
         WritePhase(json, phase, report.phases.front().startedMs);
+    json.EndArray().Array("calibrations");
+    for (const SCalibrationFigures& figures : report.calibrations)
+        WriteFigures(json, figures);
+    json.EndArray().Array("landings");
+    for (const SLanding& landing : report.landings)
+        WriteLanding(json, landing);
     json.EndArray().Array("promises");
     for (const SPromise& promise : report.promises)
         json.Object()

@@ -10,6 +10,7 @@
 #include "standalone/Journal.h"
 #include "standalone/PluginManager.h"
 #include "stimhost/Bounded.h"
+#include "stimhost/CameraOptions.h"
 #include "stimhost/Database.h"
 #include "stimhost/Folders.h"
 #include "stimhost/ShutterAttachment.h"
@@ -34,13 +35,16 @@ namespace {
 
 constexpr const char* notConnected = R"({"connected": false})";
 
-// Commands about beampaths need a rig with a device database where no rig is named.
+// Where no rig is named, commands about beampaths need one with a device database, and those about calibrations one
+// with a camera.
 std::string DefaultRig(const SOptions& options)
 {
     const std::string& command = options.command;
     const bool needsDatabase = command == "demo" || command == "beampaths" || command.compare(0, 3, "oc ") == 0 ||
                                command.compare(0, 7, "groups ") == 0 || options.oc || !options.database.empty();
-    return RigOfProgram(needsDatabase ? "beampaths.json" : "demo.json");
+    const bool needsCamera =
+        command.compare(0, 8, "calibrat") == 0 || command.compare(0, 4, "map ") == 0 || !options.roi.empty();
+    return RigOfProgram(needsCamera ? "optics.json" : needsDatabase ? "beampaths.json" : "demo.json");
 }
 
 CQsMutex s_devicesLock;
@@ -61,23 +65,37 @@ bool Fail(std::string& error, const std::string& text)
     return false;
 }
 
-// The device's own settings, with the name that the rig gives it.
-std::string SettingsOf(const SRigDevice& device)
+// Settings of a device or a camera, with the name that the rig gives it.
+std::string WithName(const std::string& text, const std::string& name)
 {
     rapidjson::Document settings;
-    settings.Parse(device.settings.c_str());
+    settings.Parse(text.c_str());
     if (settings.HasParseError() || !settings.IsObject())
         settings.SetObject();
-    if (!device.name.empty())
+    if (!name.empty())
     {
         settings.RemoveMember("name");
-        settings.AddMember("name", rapidjson::Value(device.name.c_str(), settings.GetAllocator()),
-                           settings.GetAllocator());
+        settings.AddMember("name", rapidjson::Value(name.c_str(), settings.GetAllocator()), settings.GetAllocator());
     }
-    rapidjson::StringBuffer text;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(text);
+    rapidjson::StringBuffer written;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(written);
     settings.Accept(writer);
-    return text.GetString();
+    return written.GetString();
+}
+
+std::string SettingsOf(const SRigDevice& device)
+{
+    return WithName(device.settings, device.name);
+}
+
+bool UseSettingsFolder(const std::string& folder, std::string& error)
+{
+    std::error_code failure;
+    std::filesystem::create_directories(folder, failure);
+    if (!std::filesystem::is_directory(folder, failure))
+        return Fail(error, folder + ": expected a folder of settings, found none and cannot make one");
+    QsStandalone::SetSettingsFolder(folder);
+    return true;
 }
 
 } // namespace
@@ -87,7 +105,9 @@ bool CSession::Open(const SOptions& options, bool withRig, std::string& error)
     if (!OpenLog(options, error))
         return false;
     if (!options.registryFolder.empty())
-        UseRegistryFolder(options.registryFolder);
+        QsPlatform::SetRegistryFolders(options.registryFolder + "/user", options.registryFolder + "/machine");
+    if (!options.settingsFolder.empty() && !UseSettingsFolder(options.settingsFolder, error))
+        return false;
     if (!withRig)
         return true;
 
@@ -100,6 +120,10 @@ bool CSession::Open(const SOptions& options, bool withRig, std::string& error)
     if (!QsStandalone::ReadRig(path, m_rig, error) || !ScanModules(options, error) || !AddHostDevices(error))
         return false;
     if (!m_rig.translations.empty() && !QsStandalone::LoadTranslations(m_rig.translations, error))
+        return false;
+    // Before the devices, which look at both.
+    QsStandalone::SetHardware(HardwareOf(m_rig.hardware, options));
+    if (!AddCameras(options, error))
         return false;
     // After the host's devices, whose database ids it must not contradict.
     if (!OpenDatabase(options, m_rig, error) || !AnnounceStaticDevices(error))
@@ -160,6 +184,35 @@ bool CSession::AddHostDevices(std::string& error)
         if (!CQsDeviceManager::AddLogicalDevice(device, error))
             return Fail(error, m_rig.path + ": " + error);
     return true;
+}
+
+bool CSession::AddCameras(const SOptions& options, std::string& error)
+{
+    bool isFirst = true;
+    for (const QsStandalone::SRigCamera& setup : m_rig.cameras)
+    {
+        QsStandalone::SetDeviceSettings(setup.className, WithName(setup.settings, setup.name));
+        IQsInterface* const object =
+            CQsRTTI::CreateAndQuery(setup.className.c_str(), "IQsGrabberCamera", "no file", -1);
+        auto* const camera = dynamic_cast<IQsGrabberCamera*>(object);
+        std::string fault;
+        if (camera == nullptr)
+            fault = "a camera of class \"" + setup.className +
+                    "\" cannot be created; expected a class of a module that was found";
+        else if (!CheckSettings(error))
+            fault = error;
+        else if (!QsStandalone::AddCamera(camera))
+            fault = "expected a camera name of its own, found \"" + ToUtf8(camera->GetName()) + "\" a second time";
+        else if (isFirst)
+            SetCameraState(*camera, options, fault);
+        CQsRTTI::Release(object);
+        if (!fault.empty())
+            return Fail(error, fault == error ? fault : m_rig.path + ": " + fault);
+        isFirst = false;
+    }
+    const bool changesCamera =
+        options.cameraRotation || options.cameraFlip || options.cameraBinning || !options.cameraRegion.empty();
+    return !isFirst || !changesCamera || Fail(error, m_rig.path + ": expected a camera to change, found none");
 }
 
 // The manager makes a static device from its class, and only while the class's module is loaded: so the modules of the
@@ -258,11 +311,6 @@ bool CSession::CheckSettings(std::string& error) const
 {
     const std::vector<std::string> faults = QsStandalone::TakeSettingsFaults();
     return faults.empty() || Fail(error, m_rig.path + ": settings of a device of class " + faults.front());
-}
-
-void UseRegistryFolder(const std::string& folder)
-{
-    QsPlatform::SetRegistryFolders(folder + "/user", folder + "/machine");
 }
 
 std::vector<std::string> LeaveNoLight()

@@ -14,8 +14,8 @@ namespace Stimhost {
 class CSession
 {
 public:
-    // Log, registry and, when `withRig`, the rig's devices, the device database and the manager. False, with one line,
-    // when the input is bad.
+    // Log, registry, settings folder and, when `withRig`, the rig's microscope, cameras and devices, the device
+    // database and the manager. False, with one line, when the input is bad.
     bool Open(const SOptions& options, bool withRig, std::string& error);
 
     // Null before Open with a rig.
@@ -27,6 +27,7 @@ private:
     bool ScanModules(const SOptions& options, std::string& error);
     bool ScanFolder(const std::string& folder, const std::string& named, std::string& error);
     bool AddHostDevices(std::string& error);
+    bool AddCameras(const SOptions& options, std::string& error);
     bool AnnounceStaticDevices(std::string& error);
     bool AddShutters(std::string& error);
     bool AddDevices(std::string& error);
@@ -35,9 +36,6 @@ private:
     QsStandalone::SRig m_rig;
     CQsStimulationDeviceManager* m_manager = nullptr;
 };
-
-// Both roots below the folder, from now on.
-void UseRegistryFolder(const std::string& folder);
 
 // Names of the lights that are on. Closes every shutter, ends hangs, aborts every device of the session and the active
 // beampath, and waits for a stimulation that still runs. Call it on every way out: what does not answer is given up

@@ -9,8 +9,6 @@
 
 namespace Stimhost {
 
-namespace {
-
 SRequest RequestOf(const SOptions& options, unsigned number)
 {
     SRequest request;
@@ -27,28 +25,10 @@ SRequest RequestOf(const SOptions& options, unsigned number)
     return request;
 }
 
-bool WriteFiles(const SOptions& options, const SReport& report)
-{
-    std::string error;
-    bool written = true;
-    if (!options.report.empty() && !WriteWholeFile(options.report, ReportJson(report), error))
-    {
-        Complain(error);
-        written = false;
-    }
-    if (!options.picture.empty() &&
-        !WriteWholeFile(options.picture, TimelineSvg("Stimulation on " + report.rigName, report.phases), error))
-    {
-        Complain(error);
-        written = false;
-    }
-    return written;
-}
-
-} // namespace
-
 int Stimulate(const SOptions& options, CSession& session)
 {
+    if (!options.roi.empty())
+        return StimulateRegion(options, session);
     CQsStimulationDeviceManager& manager = *session.Manager();
     if (options.device && QsStandalone::CQsDeviceDatabase::IsOpen())
     {
@@ -78,9 +58,10 @@ int Stimulate(const SOptions& options, CSession& session)
     report.lightOnAtEnd = report.phases.back().leftOn;
     code = PutLightsOut(code); // before the output, which may wait for its reader
     Print(options.json ? ReportJson(report) : Table(report.phases));
-    if (!WriteFiles(options, report) && code == eExitDone)
-        code = eExitBadUse;
-    return code;
+    const bool reported = options.report.empty() || WriteOrComplain(options.report, ReportJson(report));
+    const bool drawn = options.picture.empty() ||
+                       WriteOrComplain(options.picture, TimelineSvg("Stimulation on " + report.rigName, report.phases));
+    return (reported && drawn) || code != eExitDone ? code : static_cast<int>(eExitBadUse);
 }
 
 } // namespace Stimhost

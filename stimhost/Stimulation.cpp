@@ -2,7 +2,6 @@
 
 #include "beampath/StimulationDeviceAggregator.h"
 #include "manager/StimulationManager.h"
-#include "platform/Process.h"
 #include "platform/ThreadSafety.h"
 #include "standalone/DeviceDatabase.h"
 #include "standalone/DeviceManager.h"
@@ -10,12 +9,12 @@
 #include "standalone/Journal.h"
 #include "stimhost/Bounded.h"
 #include "stimhost/Interruption.h"
+#include "stimhost/ProgressLine.h"
 #include "stimhost/Text.h"
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <memory>
 #include <system_error>
 #include <thread>
@@ -297,38 +296,17 @@ void CRun::Collect(SPhase& phase)
         phase.reportedEndMs.push_back(FromStart(end, m_startedMs));
 }
 
-// A line that rewrites itself while a person waits for more than a second.
-class CProgress
+void ShowProgress(CProgressLine& line, const SRequest& request, double passedMs)
 {
-public:
-    explicit CProgress(const SRequest& request) : m_request(request) {}
-    ~CProgress()
-    {
-        if (m_shown)
-            std::fputs("\r\x1b[K", stderr);
-    }
-    CProgress(const CProgress&) = delete;
-    CProgress& operator=(const CProgress&) = delete;
-
-    void Show(double passedMs)
-    {
-        if (m_request.durationMs <= 1000.0 || !QsPlatform::StderrIsTerminal())
-            return;
-        m_shown = true;
-        const std::string line = "\r" + m_request.title + ": " + Number(passedMs / 1000.0, 1) + " of " +
-                                 Number(m_request.durationMs / 1000.0, 1) + " s ";
-        std::fputs(line.c_str(), stderr);
-    }
-
-private:
-    const SRequest& m_request;
-    bool m_shown = false;
-};
+    if (request.durationMs > 1000.0)
+        line.Show(request.title + ": " + Number(passedMs / 1000.0, 1) + " of " +
+                  Number(request.durationMs / 1000.0, 1) + " s ");
+}
 
 // Waits for the end of the stimulation; false when the device was given up.
 bool Await(CRun& run, const SRequest& request)
 {
-    CProgress progress(request);
+    CProgressLine progress;
     bool told = !request.whileRunning;
     const Clock::time_point start = Clock::now();
     Clock::time_point limit = start + Milliseconds(request.durationMs + request.graceMs);
@@ -352,7 +330,7 @@ bool Await(CRun& run, const SRequest& request)
         }
         if (Clock::now() >= limit)
             break;
-        progress.Show(passedMs);
+        ShowProgress(progress, request, passedMs);
     }
     return false;
 }

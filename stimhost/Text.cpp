@@ -25,6 +25,15 @@ std::string Number(double value, int decimals)
     return result.ec == std::errc() ? std::string(text, result.ptr) : std::string("-");
 }
 
+std::string Exact(double value)
+{
+    if (!std::isfinite(value))
+        return "-";
+    char text[32];
+    const auto result = std::to_chars(text, text + sizeof(text), value);
+    return std::string(text, result.ptr);
+}
+
 std::string Padded(const std::string& text, std::size_t width, bool right)
 {
     const auto characters = static_cast<std::size_t>(
@@ -102,6 +111,15 @@ bool WriteWholeFile(const std::string& path, const std::string& text, std::strin
     return false;
 }
 
+bool WriteOrComplain(const std::string& path, const std::string& text)
+{
+    std::string error;
+    const bool written = WriteWholeFile(path, text, error);
+    if (!written)
+        Complain(error);
+    return written;
+}
+
 CJson::CJson() : m_writer(m_text)
 {
     m_writer.SetIndent(' ', 2);
@@ -162,6 +180,37 @@ CJson& CJson::Time(const char* key, double ms)
 {
     Key(key);
     return Element(ms);
+}
+
+CJson& CJson::Null(const char* key)
+{
+    Key(key);
+    m_writer.Null();
+    return *this;
+}
+
+CJson& CJson::Real(const char* key, double value)
+{
+    if (!std::isfinite(value))
+        return Null(key);
+    Key(key);
+    const std::string text = Exact(value);
+    m_writer.RawValue(text.data(), text.size(), rapidjson::kNumberType);
+    return *this;
+}
+
+CJson& CJson::Reals(const char* key, const double* values, std::size_t count)
+{
+    Array(key);
+    for (std::size_t i = 0; i < count; ++i)
+        Real(nullptr, values[i]);
+    return EndArray();
+}
+
+CJson& CJson::Pair(const char* key, double x, double y)
+{
+    const double numbers[] = {x, y};
+    return Reals(key, numbers, 2);
 }
 
 CJson& CJson::Element(const std::string& value)

@@ -21,6 +21,7 @@ enum EExit : int
 
 // Fixed decimals, whatever the locale; "-" for a value that is not a number.
 std::string Number(double value, int decimals = 3);
+std::string Exact(double value); // the shortest text that reads back as the same value; "-" likewise
 std::string Padded(const std::string& text, std::size_t width, bool right = false); // counts characters of UTF-8
 std::string ToUtf8(const CQsStringW& text);
 CQsStringW FromUtf8(const std::string& text);
@@ -38,7 +39,10 @@ void Complain(const std::string& line);
 // one line, when it cannot be written.
 bool WriteWholeFile(const std::string& path, const std::string& text, std::string& error);
 
-// Writer of one JSON document, three decimals for times, null for what is not a number.
+// The same, with the line on stderr.
+bool WriteOrComplain(const std::string& path, const std::string& text);
+
+// Writer of one JSON document, three decimals for times, null for what is not a finite number.
 class CJson
 {
 public:
@@ -53,9 +57,13 @@ public:
     CJson& Integer(const char* key, long long value);
     CJson& Flag(const char* key, bool value);
     CJson& Time(const char* key, double ms);
+    CJson& Real(const char* key, double value); // every digit
+    CJson& Reals(const char* key, const double* values, std::size_t count);
+    CJson& Pair(const char* key, double x, double y);
     CJson& Element(const std::string& value);
     CJson& Element(double ms);
     CJson& Whole(long long value); // as an element
+    CJson& Null(const char* key);
 
     std::string Take(); // the document with a line end
 

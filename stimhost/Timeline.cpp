@@ -1,6 +1,7 @@
 #include "stimhost/Timeline.h"
 
 #include "stimhost/Report.h"
+#include "stimhost/Svg.h"
 #include "stimhost/Text.h"
 
 #include <algorithm>
@@ -30,62 +31,6 @@ constexpr std::size_t s_mostPanels = 24;
 
 // Told apart also by people who do not see red and green.
 constexpr std::array<const char*, 6> s_colours = {"#0072b2", "#d55e00", "#009e73", "#a6761d", "#cc79a7", "#4b5bb5"};
-
-std::string Escaped(const std::string& text)
-{
-    std::string escaped;
-    for (const char c : text)
-        switch (c)
-        {
-        case '&':
-            escaped += "&amp;";
-            break;
-        case '<':
-            escaped += "&lt;";
-            break;
-        case '>':
-            escaped += "&gt;";
-            break;
-        case '"':
-            escaped += "&quot;";
-            break;
-        default:
-            // Control characters have no place in XML at all.
-            escaped += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
-        }
-    return escaped;
-}
-
-std::string Shortened(const std::string& text, std::size_t characters)
-{
-    std::size_t count = 0;
-    for (std::size_t i = 0; i < text.size(); ++i)
-        if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80 && ++count == characters && i + 1 < text.size())
-            return text.substr(0, i) + "\xE2\x80\xA6";
-    return text;
-}
-
-std::string At(double value)
-{
-    return Number(value, 2);
-}
-
-std::string TextAt(double x, double y, const std::string& text, const std::string& attributes)
-{
-    return "<text x=\"" + At(x) + "\" y=\"" + At(y) + "\" " + attributes + ">" + Escaped(text) + "</text>\n";
-}
-
-std::string Rectangle(double x, double y, double width, double height, const std::string& attributes)
-{
-    return "<rect x=\"" + At(x) + "\" y=\"" + At(y) + "\" width=\"" + At(width) + "\" height=\"" + At(height) + "\" " +
-           attributes + "/>\n";
-}
-
-std::string Vertical(double x, double top, double bottom, const std::string& attributes)
-{
-    return "<line x1=\"" + At(x) + "\" y1=\"" + At(top) + "\" x2=\"" + At(x) + "\" y2=\"" + At(bottom) + "\" " +
-           attributes + "/>\n";
-}
 
 // The roundest step that gives at most eight intervals.
 double TickStep(double span)
@@ -144,17 +89,11 @@ CTimeline::CTimeline(const std::string& title, const std::vector<SPhase>& phases
 
 void CTimeline::Header(const std::string& title, double height)
 {
-    m_text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-             "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " +
-             At(s_width) + " " + At(height) + "\" width=\"" + At(s_width) + "\" height=\"" + At(height) +
-             "\">\n"
-             "<title>" +
-             Escaped(title) +
-             "</title>\n"
-             "<style>text{font-family:'DejaVu Sans',Verdana,Arial,sans-serif;fill:#1f2933;font-size:12px}"
-             ".head{font-size:18px;font-weight:bold}.phase{font-size:13px;font-weight:bold}"
-             ".note{fill:#52606d;font-size:11px}.tick{fill:#52606d;font-size:10px}.abort{fill:#b00020;font-size:11px}"
-             ".band{fill:#e9eef4;stroke:#52606d;stroke-width:1;stroke-dasharray:4 3}</style>\n";
+    m_text = SvgHead(s_width, height, title);
+    m_text += "<style>text{font-family:'DejaVu Sans',Verdana,Arial,sans-serif;fill:#1f2933;font-size:12px}"
+              ".head{font-size:18px;font-weight:bold}.phase{font-size:13px;font-weight:bold}"
+              ".note{fill:#52606d;font-size:11px}.tick{fill:#52606d;font-size:10px}.abort{fill:#b00020;font-size:11px}"
+              ".band{fill:#e9eef4;stroke:#52606d;stroke-width:1;stroke-dasharray:4 3}</style>\n";
     m_text += Rectangle(0.0, 0.0, s_width, height, "fill=\"#ffffff\"");
     m_text += TextAt(s_margin, 34.0, title, "class=\"head\"");
 

@@ -34,6 +34,9 @@ QS_HOST_API void FailThreadCreations(unsigned count);
 QS_HOST_API void FailEventCreations(unsigned count);
 // The next `count` items are not queued.
 QS_HOST_API void FailPoolItems(unsigned count);
+// Called on the replacing thread after each step of a replacement of a file (platform/AtomicFile.h), with the step's
+// name; null: no longer. What ends the process there ends it between two steps.
+QS_HOST_API void OnFileReplacementStep(void (*hook)(const char* step));
 // CloseHandle calls / DeleteObject calls so far that closed something.
 QS_HOST_API std::uint64_t ClosedHandles();
 QS_HOST_API std::uint64_t DeletedObjects();

@@ -1,12 +1,13 @@
 #include "platform/posix/RegistryStore.h"
 
+#include "platform/AtomicFile.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLockFile>
-#include <QSaveFile>
 
 #include <algorithm>
 #include <cstdio>
@@ -338,11 +339,8 @@ LSTATUS ChangeRegistryFile(const std::string& file, const std::function<bool(SRe
     if (state == ERegistryFile::Damaged && !MoveAside(name, error))
         return ERROR_WRITE_FAULT;
     const QByteArray text = ToText(root);
-    QSaveFile target(name);
-    // The flush is not superfluous: committing overlooks that the last buffer did not fit on the disk.
-    if (!target.open(QIODevice::WriteOnly) || target.write(text) != text.size() || !target.flush() || !target.commit())
-        return ERROR_WRITE_FAULT;
-    return ERROR_SUCCESS;
+    const auto size = static_cast<std::size_t>(text.size());
+    return ReplaceFileContents(file, text.constData(), size, EFlush::ToDisk, error) ? ERROR_SUCCESS : ERROR_WRITE_FAULT;
 }
 
 } // namespace QsPlatform

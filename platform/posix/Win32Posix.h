@@ -6,6 +6,9 @@
 #pragma once
 
 #include "host/QsHostApi.h"
+#include "platform/ThreadSafety.h"
+
+#include <pthread.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -53,6 +56,19 @@ QS_HOST_API DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOO
 // object, and an event that is given to it lives until the process ends. Here it releases the event, since events are
 // scarcer here: TRUE. FALSE for what is none.
 QS_HOST_API BOOL DeleteObject(HGDIOBJ object);
+
+// ------------------------------------------------------------------------------------------------- critical sections
+
+// Recursive lock of one thread at a time. Its bytes must not be copied while it is initialised. The one that deletes it
+// sees to it that nobody holds or waits for it.
+struct QS_CAPABILITY("critical section") CRITICAL_SECTION
+{
+    pthread_mutex_t mutex;
+};
+QS_HOST_API void InitializeCriticalSection(CRITICAL_SECTION* section);
+QS_HOST_API void EnterCriticalSection(CRITICAL_SECTION* section) QS_ACQUIRE(section);
+QS_HOST_API void LeaveCriticalSection(CRITICAL_SECTION* section) QS_RELEASE(section);
+QS_HOST_API void DeleteCriticalSection(CRITICAL_SECTION* section);
 
 // ------------------------------------------------------------------------------------------------ threads and the pool
 

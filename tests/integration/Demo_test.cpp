@@ -98,6 +98,31 @@ TEST_F(Demo, KeepsEveryPromiseOfTheBeampaths)
     ExpectPicture(Path("results/timeline.svg"), 20);
 }
 
+TEST_F(Demo, KeepsEveryPromiseOfTheCalibration)
+{
+    const SOutcome outcome =
+        Stimhost({"demo", "--rig", QS_SOURCE "/examples/rigs/optics.json", "--out", Path("results")});
+    const rapidjson::Document report = KeptReport(outcome, Path("results/report.json"));
+    EXPECT_GE(report["calibrations"].Size(), 3u);
+
+    // By calibration state: where it fits, the light is where the image says.
+    std::map<int, int> landings;
+    for (const auto& landing : report["landings"].GetArray())
+    {
+        const int state = landing["state"].GetInt();
+        ++landings[state];
+        if (state != 4 || !landing["lightSeen"].GetBool())
+            continue;
+        EXPECT_LE(landing["centreErrorPx"].GetDouble(), 0.5) << landing["title"].GetString();
+        EXPECT_GE(landing["overlap"].GetDouble(), 0.95) << landing["title"].GetString();
+    }
+    EXPECT_EQ(2, landings[1]); // before there is a calibration, and after all were forgotten
+    EXPECT_EQ(1, landings[2]); // another objective
+    EXPECT_GE(landings[4], 14);
+    EXPECT_TRUE(QDir(QString::fromStdString(Path("results"))).exists("calibration-1.svg"));
+    EXPECT_TRUE(QDir(QString::fromStdString(Path("results"))).exists("region-2.svg"));
+}
+
 TEST_F(Demo, LeavesADatabaseThatItIsGivenAsItWas)
 {
     const std::string rig = QS_SOURCE "/examples/rigs/beampaths.json";

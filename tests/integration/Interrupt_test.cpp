@@ -52,6 +52,25 @@ TEST_F(Interrupt, EndsALongStimulationPromptlyWithNoLightOn)
         }
 }
 
+TEST_F(Interrupt, EndsACalibrationPromptlyWithNoLightOnAndNothingSaved)
+{
+    QProcess process;
+    ASSERT_NO_FATAL_FAILURE(
+        Start(process, {"calibrate", "--rig", QS_SOURCE "/examples/rigs/optics.json", "--grid", "40x40", "--save",
+                        "--settings", Path("settings"), "--log-level", "detailed", "--verbose"}));
+    QByteArray err;
+    ASSERT_TRUE(WaitForLine(process, "Flip matrix updated", err)) << err.toStdString(); // then come the spots
+    QElapsedTimer timer;
+    timer.start();
+    ASSERT_EQ(0, ::kill(static_cast<pid_t>(process.processId()), SIGINT));
+    ASSERT_TRUE(process.waitForFinished(30000));
+    EXPECT_LT(timer.elapsed(), 20000);
+    EXPECT_EQ(QProcess::NormalExit, process.exitStatus());
+    EXPECT_EQ(1, process.exitCode());
+    EXPECT_FALSE((err + process.readAllStandardError()).contains("a light was still on"));
+    EXPECT_TRUE(QDir(QString::fromStdString(Path("settings"))).isEmpty());
+}
+
 TEST_F(Interrupt, EndsABeampathPromptlyWithEveryDeviceDarkAndNoFileLeft)
 {
     ASSERT_TRUE(QDir().mkdir(QString::fromStdString(Path("temporary"))));

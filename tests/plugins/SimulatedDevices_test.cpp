@@ -36,12 +36,16 @@ TEST(SimulatedDevices, StandInTheRecordsOfTheirModule)
     {
         classes.push_back(record.className + ": " + record.friendlyName);
         ASSERT_EQ(9u, record.parents.size());
-        EXPECT_EQ("IQsStimulationDevice", record.parents[0]);
+        const bool isCamera = record.className.find("Camera") != std::string::npos;
+        EXPECT_EQ(isCamera ? "IQsGrabberCamera" : "IQsStimulationDevice", record.parents[0]);
         EXPECT_EQ(1, record.version);
     }
-    EXPECT_THAT(classes, testing::UnorderedElementsAre("CQsSimPatternDevice: Simulated pattern device",
-                                                       "CQsSimConfocalDevice: Simulated confocal device",
-                                                       "CQsSimGenericDevice: Simulated device"));
+    EXPECT_THAT(classes,
+                testing::UnorderedElementsAre(
+                    "CQsSimPatternDevice: Simulated pattern device", "CQsSimConfocalDevice: Simulated confocal device",
+                    "CQsSimGenericDevice: Simulated device", "CQsSimMicromirrorDevice: Simulated micromirror device",
+                    "CQsSimGalvoDevice: Simulated galvanometer scanner", "CQsSimCamera: Simulated camera",
+                    "CQsSimConfocalCamera: Simulated confocal scanner"));
 }
 
 TEST(SimulatedDevices, HaveTheDefaultsOfTheirClass)

@@ -121,6 +121,80 @@ TEST(Rig, ReadsEveryKey)
     EXPECT_EQ("{}", rig.devices[1].settings);
 }
 
+TEST(Rig, ReadsCamerasAndWhatTheMicroscopeIsSetTo)
+{
+    const CTemporaryFolder folder;
+    const std::string path = folder.Write("rig.json", head + R"(,
+        "cameras": [{"class": "CQsCamera", "name": "Front", "settings": {"width": 640}}, {"class": "CQsCamera"}],
+        "microscope": {"name": "Ti", "objective": "Plan 20x", "manualZoom": 1.5, "lights": ["Lamp", "Diode \u00e4"],
+                       "filterChangers": [{"key": "FW1", "name": "GFP", "position": 2}, {"key": "FW2"}],
+                       "multilasers": [{"name": "488", "number": 4294967295}, {"name": "561"}],
+                       "illuminatorPort": -3}})");
+    SRig rig;
+    std::string error;
+    ASSERT_TRUE(ReadRig(path, rig, error)) << error;
+    ASSERT_EQ(2u, rig.cameras.size());
+    EXPECT_EQ("CQsCamera", rig.cameras[0].className);
+    EXPECT_EQ("Front", rig.cameras[0].name);
+    EXPECT_EQ("{\"width\":640}", rig.cameras[0].settings);
+    EXPECT_EQ("", rig.cameras[1].name);
+    EXPECT_EQ("{}", rig.cameras[1].settings);
+
+    const SQsDMApiHardware& hardware = rig.hardware;
+    EXPECT_EQ(L"Ti", hardware.sMicroscope.Std());
+    EXPECT_EQ(L"Plan 20x", hardware.sObjective.Std());
+    EXPECT_EQ(1.5, hardware.dManualZoom);
+    EXPECT_THAT(hardware.lights, ElementsAre(CQsStringW(L"Lamp"), CQsStringW(L"Diode \u00e4")));
+    ASSERT_EQ(2u, hardware.filterChangers.size());
+    EXPECT_EQ(L"FW1", hardware.filterChangers[0].sKey.Std());
+    EXPECT_EQ(L"GFP", hardware.filterChangers[0].sName.Std());
+    EXPECT_EQ(2, hardware.filterChangers[0].iPosition);
+    EXPECT_EQ(L"FW2", hardware.filterChangers[1].sKey.Std());
+    EXPECT_EQ(L"", hardware.filterChangers[1].sName.Std());
+    EXPECT_EQ(0, hardware.filterChangers[1].iPosition);
+    ASSERT_EQ(2u, hardware.multilasers.size());
+    EXPECT_EQ(L"488", hardware.multilasers[0].sName.Std());
+    EXPECT_EQ(4294967295u, hardware.multilasers[0].uiNumber);
+    EXPECT_EQ(0u, hardware.multilasers[1].uiNumber);
+    EXPECT_TRUE(hardware.bIlluminatorConnected);
+    EXPECT_EQ(-3, hardware.iIlluminatorPort);
+}
+
+TEST(Rig, HasNoMicroscopeAndNoIlluminatorUnlessItSaysSo)
+{
+    const CTemporaryFolder folder;
+    std::string error;
+    for (const char* const members : {"", ", \"microscope\": {}"})
+    {
+        SRig rig;
+        rig.hardware.bIlluminatorConnected = true;
+        rig.hardware.sMicroscope = L"old";
+        ASSERT_TRUE(ReadRig(folder.Write("rig.json", head + members + "}"), rig, error)) << error;
+        EXPECT_THAT(rig.cameras, IsEmpty());
+        EXPECT_TRUE(rig.hardware.sMicroscope.IsEmpty());
+        EXPECT_TRUE(rig.hardware.sObjective.IsEmpty());
+        EXPECT_EQ(0.0, rig.hardware.dManualZoom);
+        EXPECT_THAT(rig.hardware.lights, IsEmpty());
+        EXPECT_FALSE(rig.hardware.bIlluminatorConnected);
+        EXPECT_EQ(0, rig.hardware.iIlluminatorPort);
+    }
+}
+
+TEST(Rig, NamesWhatIsWrongWithCamerasAndTheMicroscope)
+{
+    EXPECT_EQ(":2: expected the key \"class\" in this object, found none", ComplaintAbout("\"cameras\": [{}]"));
+    EXPECT_EQ(":2: expected a camera name of its own, found \"a\" as in line 2",
+              ComplaintAbout(R"("cameras": [{"class": "C", "name": "a"}, {"class": "D", "name": "a"}])"));
+    EXPECT_EQ(":2: expected a filter changer's key of its own, found \"F\" as in line 2",
+              ComplaintAbout(R"("microscope": {"filterChangers": [{"key": "F"}, {"key": "F"}]})"));
+    EXPECT_EQ(":2: expected \"manualZoom\" to be a number from 0 to 1000, found -1",
+              ComplaintAbout(R"("microscope": {"manualZoom": -1})"));
+    EXPECT_EQ(":2: expected every item of \"lights\" to be a text of 1 to 100 bytes, found \"\"",
+              ComplaintAbout(R"("microscope": {"lights": [""]})"));
+    EXPECT_EQ(":2: expected \"illuminatorPort\" to be a whole number from -2147483648 to 2147483647, found 1.5",
+              ComplaintAbout(R"("microscope": {"illuminatorPort": 1.5})"));
+}
+
 TEST(Rig, GivesAbsentKeysTheDefaultsOfAShutter)
 {
     const CTemporaryFolder folder;
@@ -164,7 +238,7 @@ TEST(Rig, ReadsTheExamples)
 TEST(Rig, NamesAnUnknownKeyWithItsLine)
 {
     EXPECT_EQ(":2: expected one of the keys format, version, name, moduleFolders, shutters, stimulationShutters, "
-              "logicalDevices, devices, translations, deviceDatabase, found \"shuters\"",
+              "logicalDevices, devices, cameras, microscope, translations, deviceDatabase, found \"shuters\"",
               ComplaintAbout("\"shuters\": []"));
     EXPECT_THAT(ComplaintAbout(ShutterWith("\n\"openLatency\": 3")),
                 testing::AllOf(StartsWith(":4: expected one of the keys id, physicalId, "),
@@ -185,7 +259,7 @@ TEST(Rig, NamesAWrongType)
     EXPECT_EQ(":3: expected every item of \"moduleFolders\" to be a text of 1 to 4096 bytes, found 5",
               ComplaintAbout("\"moduleFolders\": [\"a\",\n5]"));
     EXPECT_EQ(":1: expected an object of the keys format, version, name, moduleFolders, shutters, stimulationShutters, "
-              "logicalDevices, devices, translations, deviceDatabase, found a list",
+              "logicalDevices, devices, cameras, microscope, translations, deviceDatabase, found a list",
               Complaint("[]"));
     EXPECT_EQ(":2: expected \"settings\" to be an object, found a list",
               ComplaintAbout("\"devices\": [{\"class\": \"A\", \"settings\": []}]"));

@@ -1,13 +1,13 @@
 #include "tests/support/HostCalls.h"
 
 #include "host/QsDMApi.h"
+#include "host/QsPluginManager.h"
+#include "tests/support/HostFunction.h"
 
 #include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
-
-#include <dlfcn.h>
 
 namespace QsTest {
 namespace {
@@ -22,6 +22,7 @@ struct SItem
 struct SState
 {
     CCallLog log;
+    std::vector<SBroadcast> broadcasts;
     std::mutex lock;
     std::condition_variable changed;
     std::vector<SWaitCall> waits;
@@ -38,19 +39,6 @@ SState& State()
 {
     static SState& state = *new SState;
     return state;
-}
-
-// The host's own function behind the one of the same name here.
-template <class Function>
-Function Real(Function own)
-{
-    Dl_info info = {};
-    void* const found = dladdr(reinterpret_cast<void*>(own), &info) != 0 && info.dli_sname != nullptr
-                            ? dlsym(RTLD_NEXT, info.dli_sname)
-                            : nullptr;
-    if (found == nullptr || found == reinterpret_cast<void*>(own))
-        throw std::logic_error("the host's function is not found behind the test's");
-    return reinterpret_cast<Function>(found);
 }
 
 std::string Narrow(const wchar_t* text)
@@ -87,6 +75,12 @@ DWORD WINAPI RunItem(LPVOID context)
 CCallLog& CHostCalls::Log()
 {
     return State().log;
+}
+
+std::vector<SBroadcast> CHostCalls::Broadcasts()
+{
+    const std::lock_guard<std::mutex> lock(State().lock);
+    return State().broadcasts;
 }
 
 std::vector<SWaitCall> CHostCalls::Waits()
@@ -142,7 +136,7 @@ void CHostCalls::LetPoolGo()
         State().bHold = false;
         items.swap(State().held);
     }
-    static const auto real = Real(&QueueUserWorkItem);
+    static const auto real = HostFunction(&QueueUserWorkItem);
     for (const SItem& item : items)
         if (!real(&RunItem, new SItem(item), item.flags))
             throw std::runtime_error("the pool takes no item that was held back");
@@ -166,6 +160,7 @@ void CHostCalls::Reset()
 {
     State().log.Clear();
     const std::lock_guard<std::mutex> lock(State().lock);
+    State().broadcasts.clear();
     State().waits.clear();
     State().shortened.clear();
     State().bShortenAll = false;
@@ -182,19 +177,19 @@ using QsTest::CHostCalls;
 
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds)
 {
-    static const auto real = QsTest::Real(&WaitForSingleObject);
+    static const auto real = QsTest::HostFunction(&WaitForSingleObject);
     return real(handle, QsTest::Remember(1, milliseconds));
 }
 
 DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds)
 {
-    static const auto real = QsTest::Real(&WaitForMultipleObjects);
+    static const auto real = QsTest::HostFunction(&WaitForMultipleObjects);
     return real(count, handles, waitAll, QsTest::Remember(count, milliseconds));
 }
 
 BOOL QueueUserWorkItem(LPTHREAD_START_ROUTINE function, LPVOID context, ULONG flags)
 {
-    static const auto real = QsTest::Real(&QueueUserWorkItem);
+    static const auto real = QsTest::HostFunction(&QueueUserWorkItem);
     const QsTest::SItem item{function, context, flags};
     QsTest::SState& state = QsTest::State();
     {
@@ -216,44 +211,55 @@ BOOL QueueUserWorkItem(LPTHREAD_START_ROUTINE function, LPVOID context, ULONG fl
     return FALSE;
 }
 
+unsigned CQsPluginManager::AppRntm_HandleEvent(const wchar_t* eventName, int argument1, int argument2, void* context)
+{
+    static const auto real = QsTest::HostFunction(&CQsPluginManager::AppRntm_HandleEvent);
+    {
+        QsTest::SState& state = QsTest::State();
+        const std::lock_guard<std::mutex> lock(state.lock);
+        state.broadcasts.push_back({eventName != nullptr ? eventName : L"", argument1, argument2, context});
+    }
+    return real(eventName, argument1, argument2, context);
+}
+
 void DMApi::AppRntm_RegisterConsumer(IQsDMApiPluginNotification* consumer)
 {
-    static const auto real = QsTest::Real(&DMApi::AppRntm_RegisterConsumer);
+    static const auto real = QsTest::HostFunction(&DMApi::AppRntm_RegisterConsumer);
     CHostCalls::Log().Add("RegisterConsumer");
     real(consumer);
 }
 
 void DMApi::AppRntm_UnregisterConsumer(IQsDMApiPluginNotification* consumer)
 {
-    static const auto real = QsTest::Real(&DMApi::AppRntm_UnregisterConsumer);
+    static const auto real = QsTest::HostFunction(&DMApi::AppRntm_UnregisterConsumer);
     CHostCalls::Log().Add("UnregisterConsumer");
     real(consumer);
 }
 
 void DMApi::AppRntm_RegisterEvent(IQsDMApiPluginNotification* consumer, const wchar_t* eventName)
 {
-    static const auto real = QsTest::Real(&DMApi::AppRntm_RegisterEvent);
+    static const auto real = QsTest::HostFunction(&DMApi::AppRntm_RegisterEvent);
     CHostCalls::Log().Add("RegisterEvent " + QsTest::Narrow(eventName));
     real(consumer, eventName);
 }
 
 void DMApi::AppRntm_UnregisterEvent(IQsDMApiPluginNotification* consumer, const wchar_t* eventName)
 {
-    static const auto real = QsTest::Real(&DMApi::AppRntm_UnregisterEvent);
+    static const auto real = QsTest::HostFunction(&DMApi::AppRntm_UnregisterEvent);
     CHostCalls::Log().Add("UnregisterEvent " + QsTest::Narrow(eventName));
     real(consumer, eventName);
 }
 
 CDMApi_LogDevId DMApi::LogDev_GetIdByDBId(int databaseId)
 {
-    static const auto real = QsTest::Real(&DMApi::LogDev_GetIdByDBId);
+    static const auto real = QsTest::HostFunction(&DMApi::LogDev_GetIdByDBId);
     CHostCalls::Log().Add("LogDev_GetIdByDBId(" + std::to_string(databaseId) + ")");
     return real(databaseId);
 }
 
 unsigned int DMApi::LogDev_GetPhysDevId(CDMApi_LogDevId id)
 {
-    static const auto real = QsTest::Real(&DMApi::LogDev_GetPhysDevId);
+    static const auto real = QsTest::HostFunction(&DMApi::LogDev_GetPhysDevId);
     CHostCalls::Log().Add("LogDev_GetPhysDevId(" + std::to_string(id.value) + ")");
     return real(id);
 }

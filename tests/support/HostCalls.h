@@ -8,6 +8,7 @@
 #include "platform/Win32.h"
 #include "tests/support/FakeDevice.h"
 
+#include <string>
 #include <vector>
 
 namespace QsTest {
@@ -19,12 +20,22 @@ struct SWaitCall
     DWORD milliseconds = 0;
 };
 
+// A run-time event that was told to everyone.
+struct SBroadcast
+{
+    std::wstring name;
+    int argument1 = 0;
+    int argument2 = 0;
+    void* context = nullptr;
+};
+
 class CHostCalls
 {
 public:
     // Registrations for run-time events, in order: "RegisterConsumer", "UnregisterConsumer", "RegisterEvent <name>",
     // "UnregisterEvent <name>"; and device identities: "LogDev_GetIdByDBId(<id>)", "LogDev_GetPhysDevId(<id>)".
     static CCallLog& Log();
+    static std::vector<SBroadcast> Broadcasts(); // of CQsPluginManager::AppRntm_HandleEvent, in order
 
     static std::vector<SWaitCall>
     Waits(); // of WaitForSingleObject and WaitForMultipleObjects, in order of their starts

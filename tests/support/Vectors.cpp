@@ -57,6 +57,23 @@ std::vector<const Json*> VectorsOf(const std::string& function)
     return found;
 }
 
+std::vector<std::wstring> Texts()
+{
+    std::vector<std::wstring> texts;
+    for (const Json& text : Member(File(), "texts").GetArray())
+    {
+        std::wstring unescaped;
+        const std::wstring escaped = ToWide(text);
+        for (std::size_t i = 0; i < escaped.size(); ++i)
+        {
+            const bool bEscape = escaped[i] == L'\\' && i + 1 < escaped.size();
+            unescaped += !bEscape ? escaped[i] : escaped[++i] == L'n' ? L'\n' : L'\t';
+        }
+        texts.push_back(unescaped);
+    }
+    return texts;
+}
+
 double ToDouble(const Json& value)
 {
     if (value.IsNumber())

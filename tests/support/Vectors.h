@@ -18,6 +18,9 @@ const Json& Vector(const std::string& id);
 // loop over the result cannot pass empty.
 std::vector<const Json*> VectorsOf(const std::string& function);
 
+// Log texts, as printf-style formats; "\\n" and "\\t" are read as a newline and a tab character.
+std::vector<std::wstring> Texts();
+
 // Member of an object; throws when it is missing, where RapidJSON would end the process.
 const Json& Member(const Json& object, const char* name);
 

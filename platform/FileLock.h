@@ -1,0 +1,28 @@
+// Exclusion between all threads and processes that change the files of one folder.
+#pragma once
+
+#include "host/QsHostApi.h"
+
+#include <string>
+
+namespace QsPlatform {
+
+class QS_HOST_API CFolderLock
+{
+public:
+    // Waits up to `longestMs` for the lock of the folder that really holds the file (UTF-8). Not recursive. Nothing is
+    // left behind: a process that ends gives the lock back.
+    CFolderLock(const std::string& file, unsigned longestMs);
+    ~CFolderLock();
+    CFolderLock(const CFolderLock&) = delete;
+    CFolderLock& operator=(const CFolderLock&) = delete;
+
+    // False when the folder is missing, cannot be opened, or another one had it all the time.
+    bool IsHeld() const { return m_handle != s_none; }
+
+private:
+    static constexpr long long s_none = -1;
+    long long m_handle = s_none;
+};
+
+} // namespace QsPlatform
