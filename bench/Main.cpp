@@ -40,11 +40,11 @@ public:
     }
     void Finalize() override
     {
-        std::printf("%-56s| %-38s| %11s | %11s | %6s | %5s | reached\n", "what", "limit", "ours", "limit", "ratio",
+        std::printf("%-62s| %-38s| %11s | %11s | %6s | %5s | reached\n", "what", "limit", "ours", "limit", "ratio",
                     "reach");
         for (const SRow& row : Rows())
         {
-            std::printf("%-56s| %-38s| %s | %s | %6.2f | %5.2f | %s\n", row.what.c_str(), row.limit.c_str(),
+            std::printf("%-62s| %-38s| %s | %s | %6.2f | %5.2f | %s\n", row.what.c_str(), row.limit.c_str(),
                         Text(row.dOurs, row.unit).c_str(), Text(row.dLimit, row.unit).c_str(), row.Ratio(), row.dReach,
                         row.IsReached() ? "yes" : "no");
         }

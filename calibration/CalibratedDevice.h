@@ -24,10 +24,12 @@ public:
     // The mirrors that the areas of now light. -9, and nothing written, when they cannot be mapped.
     virtual int GetChipPicture(SQsRLEPicBuf& mirrors) = 0;
 
-    // Matrix DMD <- image of that format and region (pixels of the image that the camera delivers), double[9]. Goes
-    // through SQsTransformationHelper::CalcTransformImgToChip and the calibration's mapping. -4 for a null matrix; -9,
-    // and nothing written, when a number is not finite, the mapping is singular, or there is no calibration (its state
-    // is eCalibrationStateNone).
+    // Matrix DMD <- image of that format and region (pixels of the image that the camera delivers), double[9], with the
+    // hardware of now. Goes through SQsTransformationHelper::CalcTransformImgToChip, for a scan area through the point
+    // conversions of SQsScanAreaHelper, and the calibration's mapping. -4 for a null matrix; -9, and nothing written,
+    // when the camera does not answer, a number is not finite, the mapping is singular, or nothing was measured: the
+    // matrix is the identity that a calibration starts from. A calibration of other hardware (states below
+    // eCalibrationStateIdentical) is used all the same: ask for the state.
     virtual int GetImageToChip(const SQsGrabberFormatDesc& format,
                                const IQsStimulationDevice::SQsScanAreaDesc* pScanArea,
                                const CQsRectBase<int>& cameraRegion, double* matrix) = 0;

@@ -1,4 +1,5 @@
 // Saved calibrations: kept in the owner's settings file under the text of the hardware that they were measured on.
+#include "calibration/Matrix3.h"
 #include "calibration/OwnerCall.h"
 #include "calibration/SnapshotAccess.h"
 #include "calibration/StimulationDeviceCalibration.h"
@@ -91,15 +92,9 @@ private:
     bool m_bOpen = false;
 };
 
-std::vector<double> Identity()
-{
-    return {1.0, 0.0, 0.0, 0.0, 1.0, 0.0, 0.0, 0.0, 1.0};
-}
-
 } // namespace
 
-// --------------------------------------------------------------------------------------------------------- one saved
-// key
+// ------------------------------------------------------------------------------------------------------------ one key
 
 int CQsStimulationDeviceCalibration::SaveCalibrationMatrices(CQsStringW sKey)
 {
@@ -138,12 +133,9 @@ int CQsStimulationDeviceCalibration::SaveCalibrationMatrices(CQsStringW sKey)
         return QS_ERR_FAIL;
     CQsLiteVariantR saved(writer);
     CQsLiteVariantR existing;
-    const qs_int32 loaded = existing.LoadFromFile(place.sFile.c_str(), true, false);
-    if (loaded == QS_OK)
+    if (existing.LoadFromFile(place.sFile.c_str(), true, false) == QS_OK)
         saved.Merge(existing);
-    // A file that is there and cannot be loaded is replaced, and kept beside: the reason may be gone tomorrow.
-    const bool bKeep = loaded != QS_OK && loaded != statusNotFound;
-    return saved.SaveToFile(place.sFile.c_str(), false, true, bKeep);
+    return saved.SaveToFile(place.sFile.c_str(), false, true, false);
 }
 
 int CQsStimulationDeviceCalibration::LoadCalibrationMatrices(CQsStringW sKey)
@@ -154,8 +146,8 @@ int CQsStimulationDeviceCalibration::LoadCalibrationMatrices(CQsStringW sKey)
     QS_DIAG_DETAILED(
         L"CQsStimulationDeviceCalibration::LoadCalibrationMatrices: Loading calibration matrix D2C and C2D for: %s",
         sKey.c_str());
-    std::vector<double> camToDMD = Identity();
-    std::vector<double> dmdToCam = Identity();
+    std::vector<double> camToDMD = QsIdentity3();
+    std::vector<double> dmdToCam = QsIdentity3();
     if (sKey.IsEmpty())
     {
         UpdateRotationMatrix();
@@ -243,8 +235,7 @@ int CQsStimulationDeviceCalibration::GetNumberOfSavedCalibrationConfigurations()
     if (m_pOwner == nullptr)
         return 0;
     const CQsConfigurationAutoLock lock(&m_MainLock, true);
-    // Every entry is visited and none counted: callers take the answer for "ask FindCalibration", and one that is not 0
-    // would make them list calibrations of other cameras.
+    // Every entry is visited and none counted: hosts rely on the 0 and ask FindCalibration.
     CSavedCalibrations saved(*m_pOwner);
     if (saved.IsOpen())
         saved.Walk([](const CQsStringW&) { return true; });
@@ -274,8 +265,7 @@ void CQsStimulationDeviceCalibration::ClearAllCalibrationMatrices()
     LoadCalibration(bChanged);
 }
 
-// --------------------------------------------------------------------------------- the calibration of the hardware of
-// now
+// ------------------------------------------------------------------------------------------------------------- choice
 
 // Lights, microscope and multilasers are not in the item, and so not in the candidate.
 CQsStimulationDeviceConfiguration CQsStimulationDeviceCalibration::CandidateOf(const SQsConfigItem& item) const

@@ -1,7 +1,9 @@
 #include "calibration/StimulationDeviceCalibration.h"
 
+#include "calibration/Matrix3.h"
 #include "calibration/OwnerCall.h"
 #include "calibration/SnapshotAccess.h"
+#include "device/Angles.h"
 #include "device/ChipTransformations.h"
 #include "device/Diagnostics.h"
 
@@ -18,15 +20,6 @@ namespace {
 
 constexpr std::size_t matrixSize = 9;
 
-// Shortened on purpose: the mappings of saved calibrations were made with this value, and a camera at a right angle
-// must map as it did then.
-constexpr double pi = 3.1415926535898;
-
-std::vector<double> Identity()
-{
-    return {1.0, 0.0, 0.0, 0.0, 1.0, 0.0, 0.0, 0.0, 1.0};
-}
-
 double Half(int from, int to)
 {
     return static_cast<double>((std::int64_t{to} - from) / 2); // of whole pixels
@@ -34,8 +27,7 @@ double Half(int from, int to)
 
 } // namespace
 
-// ------------------------------------------------------------------------------------------- making, copying,
-// destroying
+// ----------------------------------------------------------------------------------------------------------- lifetime
 
 CQsStimulationDeviceCalibration::CQsStimulationDeviceCalibration(IQsStimulationDeviceCalibration* pOwner)
     : m_pOwner(pOwner)
@@ -45,12 +37,12 @@ CQsStimulationDeviceCalibration::CQsStimulationDeviceCalibration(IQsStimulationD
     InitializeCriticalSection(&m_CalibratedLock);
 
     const CQsConfigurationAutoLock lock(&m_MainLock, true);
-    m_pdCalibrationMatrixDMDToCam = Identity();
-    m_pdCalibrationMatrixCamToDMD = Identity();
-    m_pdRotationMatrix = Identity();
-    m_pdFlipMatrix = Identity();
-    m_pdMappingMatrixCamToDMD = Identity();
-    m_pdMappingMatrixDMDToCam = Identity();
+    m_pdCalibrationMatrixDMDToCam = QsIdentity3();
+    m_pdCalibrationMatrixCamToDMD = QsIdentity3();
+    m_pdRotationMatrix = QsIdentity3();
+    m_pdFlipMatrix = QsIdentity3();
+    m_pdMappingMatrixCamToDMD = QsIdentity3();
+    m_pdMappingMatrixDMDToCam = QsIdentity3();
     if (m_pOwner != nullptr)
     {
         std::vector<EQsWatchedDeviceType> types;
@@ -298,8 +290,8 @@ int CQsStimulationDeviceCalibration::SetCalibrationState(EQsCalibrationState sta
 int CQsStimulationDeviceCalibration::UpdateRotationMatrix()
 {
     const CQsConfigurationAutoLock lock(&m_MainLock, true);
-    const double a = GetCameraRotationCurrent() * pi / 180.0;
-    m_pdRotationMatrix = Identity();
+    const double a = GetCameraRotationCurrent() * s_qsPi / 180.0;
+    m_pdRotationMatrix = QsIdentity3();
     m_pdRotationMatrix[0] = std::cos(a);
     m_pdRotationMatrix[4] = std::cos(a);
     m_pdRotationMatrix[1] = -std::sin(a);
@@ -316,7 +308,7 @@ int CQsStimulationDeviceCalibration::UpdateFlipMatrix()
     if (m_pOwner == nullptr)
         return QS_ERR_FAIL;
     const CQsConfigurationAutoLock lock(&m_MainLock, true);
-    m_pdFlipMatrix = Identity();
+    m_pdFlipMatrix = QsIdentity3();
     double a = 0.0;
     double b = 0.0;
     double c = 0.0;

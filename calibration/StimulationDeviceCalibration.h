@@ -92,10 +92,10 @@ public:
     int GetMappingDMDToCam(std::vector<double>& matrix); // image <- DMD
     int GetMappingCamToDMD(std::vector<double>& matrix); // DMD <- image
 
-    // --- corrections; without the lock: not beside an update. Return 0.
-    int GetRotationMatrix(std::vector<double>& matrix);
-    int GetFlipMatrix(std::vector<double>& matrix);
-    int GetTranslationVector(std::vector<double>& vector);
+    // --- corrections; without the lock: not beside an update, and free for an owner that is asked under it. Return 0.
+    int GetRotationMatrix(std::vector<double>& matrix) QS_NO_THREAD_SAFETY_ANALYSIS;
+    int GetFlipMatrix(std::vector<double>& matrix) QS_NO_THREAD_SAFETY_ANALYSIS;
+    int GetTranslationVector(std::vector<double>& vector) QS_NO_THREAD_SAFETY_ANALYSIS;
 
     // --- camera
     // [deg], any. When the rotation changes, the flip (its result is ignored), the rotation matrix and the mapping
@@ -103,9 +103,10 @@ public:
     // UpdateRotationMatrix.
     int SetCameraRotationCurrent(double dDegrees);
     double GetCameraRotationCurrent();
-    int SetCameraROI(CQsRectBase<int> roi);                           // kept, not read
-    CQsRectBase<int> GetCameraROI();                                  // without the lock
-    int SetScanAreaDesc(IQsStimulationDevice::SQsScanAreaDesc& desc); // kept, not read; without the lock
+    int SetCameraROI(CQsRectBase<int> roi); // kept, not read
+    // Without the lock: the host that sets these two reads and writes them on one thread.
+    CQsRectBase<int> GetCameraROI() QS_NO_THREAD_SAFETY_ANALYSIS;
+    int SetScanAreaDesc(IQsStimulationDevice::SQsScanAreaDesc& desc) QS_NO_THREAD_SAFETY_ANALYSIS; // kept, not read
     IQsStimulationDevice::SQsScanAreaDesc GetScanAreaDesc();
 
     // --- snapshots: the hardware of now, and that of the calibration. Access holds the snapshot's access lock until
@@ -127,11 +128,13 @@ public:
     int UpdateRotationMatrix();    // from the current rotation; then the mapping. 0
     int UpdateFlipMatrix();        // from the owner; then the mapping. -9: no owner, or it failed (then no flip)
     int UpdateTranslationVector(); // from the owner; then the mapping. -9: no owner, or it failed (nothing changes)
-    int UpdateMapping();           // takes no lock: the caller holds the main lock, or nobody else is there. 0
+    // Takes no lock: the caller holds the main lock, or nobody else is there; the analysis cannot know the second. 0
+    int UpdateMapping() QS_NO_THREAD_SAFETY_ANALYSIS;
 
     // --- saved calibrations (docs/formats.md)
-    // Rows 0 and 1 of both matrices under the key; other keys stay. -9 when a matrix has fewer than 6 elements or the
-    // file cannot be written; -12 without an owner.
+    // Rows 0 and 1 of both matrices under the key; other keys stay. -9 when a matrix has fewer than 6 elements, the key
+    // holds a zero, the owner throws, another one holds the file for five seconds, or it cannot be read or written; -12
+    // without an owner. [blocks]
     int SaveCalibrationMatrices(CQsStringW sKey);
     // Installs the matrices of the key, row 2 as (0, 0, 1); identities for the empty key (0) and for one that is not
     // there (-13). -12 without an owner.
@@ -149,7 +152,7 @@ public:
     int ParseConfig(const CQsStringW& sKey, SQsConfigItem& item);                      // without the lock. 0
 
 private:
-    void CopyFrom(const CQsStimulationDeviceCalibration& other);
+    void CopyFrom(const CQsStimulationDeviceCalibration& other) QS_NO_THREAD_SAFETY_ANALYSIS; // the source is still
     CQsStimulationDeviceConfiguration CandidateOf(const SQsConfigItem& item) const;
     struct SChoice
     {
@@ -158,26 +161,26 @@ private:
         bool bExamined = false; // there was a key
     };
     SChoice ChooseCalibration();
-    bool Adopt(const CQsStringW& sKey, bool& bChanged);
+    bool Adopt(const CQsStringW& sKey, bool& bChanged) QS_REQUIRES(m_MainLock);
 
     CRITICAL_SECTION m_MainLock;
-    CRITICAL_SECTION m_CurrentLock;    // access to m_Current
-    CRITICAL_SECTION m_CalibratedLock; // access to m_Calibrated
-    IQsStimulationDeviceCalibration* m_pOwner;
+    CRITICAL_SECTION m_CurrentLock;            // access to m_Current
+    CRITICAL_SECTION m_CalibratedLock;         // access to m_Calibrated
+    IQsStimulationDeviceCalibration* m_pOwner; // changes in an assignment alone
     std::atomic<EQsCalibrationState> m_eState{eCalibrationStateInvalid};
-    double m_dCameraRotationCurrent = 0.0; // [deg]
-    IQsStimulationDevice::SQsScanAreaDesc m_ScanAreaDesc;
-    CQsStringW m_sLoadedCalibration;
-    std::vector<double> m_pdRotationMatrix;
-    std::vector<double> m_pdFlipMatrix;
-    std::vector<double> m_pdTranslationVector;
-    std::vector<double> m_pdCalibrationMatrixDMDToCam;
-    std::vector<double> m_pdCalibrationMatrixCamToDMD;
-    std::vector<double> m_pdMappingMatrixCamToDMD;
-    std::vector<double> m_pdMappingMatrixDMDToCam;
-    CQsRectBase<int> m_CameraROI;
-    std::set<EQsWatchedDeviceType> m_WatchedDeviceTypes;
-    CQsStimulationDeviceConfiguration m_Current;
-    CQsStimulationDeviceConfiguration m_Calibrated;
-    CQsStimulationDeviceConfiguration m_Spare; // copied with the calibration, not read
+    double m_dCameraRotationCurrent QS_GUARDED_BY(m_MainLock) = 0.0; // [deg]
+    IQsStimulationDevice::SQsScanAreaDesc m_ScanAreaDesc QS_GUARDED_BY(m_MainLock);
+    CQsStringW m_sLoadedCalibration QS_GUARDED_BY(m_MainLock);
+    std::vector<double> m_pdRotationMatrix QS_GUARDED_BY(m_MainLock);
+    std::vector<double> m_pdFlipMatrix QS_GUARDED_BY(m_MainLock);
+    std::vector<double> m_pdTranslationVector QS_GUARDED_BY(m_MainLock);
+    std::vector<double> m_pdCalibrationMatrixDMDToCam QS_GUARDED_BY(m_MainLock);
+    std::vector<double> m_pdCalibrationMatrixCamToDMD QS_GUARDED_BY(m_MainLock);
+    std::vector<double> m_pdMappingMatrixCamToDMD QS_GUARDED_BY(m_MainLock);
+    std::vector<double> m_pdMappingMatrixDMDToCam QS_GUARDED_BY(m_MainLock);
+    CQsRectBase<int> m_CameraROI QS_GUARDED_BY(m_MainLock);
+    std::set<EQsWatchedDeviceType> m_WatchedDeviceTypes; // set when it is made
+    CQsStimulationDeviceConfiguration m_Current;         // has a lock of its own; the access is for whole snapshots
+    CQsStimulationDeviceConfiguration m_Calibrated;      // likewise
+    CQsStimulationDeviceConfiguration m_Spare;           // copied with the calibration, not read
 };

@@ -2,12 +2,13 @@
 //
 // Frames:
 //   image    pixels of the image that the camera delivers: origin top left, y down
-//   chip     pixels of the turned sensor, divided by its reference size, so that the longer side spans [0, 1]
+//   chip     pixels of the turned sensor, counted from the corner of the first one, divided by the reference size: the
+//            longer side of the sensor, or, when the full field is asked for, the shorter one of the whole field
 //   camera   pixels of the sensor as it stands, whatever the camera's rotation and flip
 // Matrices are double[9], 3x3 row-major, for columns (x, y, 1). Products go through CBLAS.
 //
-// Nothing fails on its own and nothing throws; singular and non-finite input gives non-finite or unspecified elements
-// with status 0. [any thread]
+// Nothing fails on its own and nothing throws: singular and non-finite input gives status 0 with elements that are not
+// finite, or with a matrix left uninverted. Check what goes to a device. [any thread]
 #pragma once
 
 #include "device/StimulationDevice.h"

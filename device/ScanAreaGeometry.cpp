@@ -1,5 +1,7 @@
 #include "device/ScanAreaGeometry.h"
 
+#include "device/Angles.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -12,12 +14,9 @@ namespace {
 
 constexpr int statusNullArgument = -4;
 
-// Shortened on purpose: saved scan areas and other plug-ins convert with this value.
-constexpr double pi = 3.1415926535898;
-
 double Radians(double degrees)
 {
-    return degrees * pi / 180.0;
+    return degrees * s_qsPi / 180.0;
 }
 
 // The uncropped image in pixels of the cropped one, and where the cropped image lies in it.
@@ -166,7 +165,7 @@ int Helper::ConvertRectToScanArea(Desc* A, Rect rect, double angle, const Desc* 
         return QS_ERR_FAIL;
     const Point offset = AreaFromImage(*C, size, dZ0, rect.Center());
     const double zoom = SImageFrame(*C, size).w / rect.Width() * C->dZoom;
-    const double areaAngle = angle * 180.0 / pi + C->dAngle;
+    const double areaAngle = angle * 180.0 / s_qsPi + C->dAngle;
     // Only now: A may be C.
     A->dAngle = areaAngle;
     A->dXOffset = offset.x;

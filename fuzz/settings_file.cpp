@@ -2,6 +2,7 @@
 #include "fuzz/Fuzz.h"
 #include "host/QsSystem.h"
 #include "standalone/DiagnosticLog.h"
+#include "standalone/HostControl.h"
 
 #include <cstring>
 #include <functional>
@@ -102,14 +103,6 @@ bool Load(CQsLiteVariantR& store, const char* name, bool bCheck)
     return false;
 }
 
-// The host keeps the last whole file with its store and does not parse the same bytes again; now they are others.
-void ForgetLastFile()
-{
-    Folder().Write("other.json", R"({"format":"stimulation-settings","version":1,"entries":[]})");
-    CQsLiteVariantR other;
-    QS_LAW(Load(other, "other.json", true));
-}
-
 // The bytes of the saved store; they hold the same store and would be written again.
 std::string Save(const CQsLiteVariantR& store, const std::string& dump, bool bCompact)
 {
@@ -117,7 +110,7 @@ std::string Save(const CQsLiteVariantR& store, const std::string& dump, bool bCo
     std::filesystem::remove(Folder().Path() / "saved.json", ignored);
     QS_LAW(store.SaveToFile(PathOf("saved.json").c_str(), bCompact, false, false) == QS_OK);
     const std::string bytes = QsFuzz::BytesOf(Folder().Path() / "saved.json");
-    ForgetLastFile();
+    QsStandalone::ForgetLastSettingsFile(); // the bytes are to be parsed
     CQsLiteVariantR saved;
     QS_LAW(Load(saved, "saved.json", true));
     QS_LAW(DumpOf(saved) == dump);
@@ -139,7 +132,7 @@ void CheckAltered(const std::string& bytes, const std::string& dump)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     Folder().Write("file.json", QsFuzz::Text(data, size));
-    ForgetLastFile();
+    QsStandalone::ForgetLastSettingsFile(); // the bytes are to be parsed
     CQsLiteVariantR store;
     CQsLiteVariantR checked;
     const bool isWhole = Load(checked, "file.json", true);

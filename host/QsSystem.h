@@ -351,7 +351,7 @@ private:
 // double convert unsigned and bool, to bool unsigned, to int unsigned and bool.
 //
 // A store is kept in a file as docs/formats.md describes it. Values come back bit for bit, levels and values in their
-// order. Every operation on files returns a status and writes one line to the log when it fails.
+// order. Every operation on files returns a status and writes one line to the log when it fails with -9.
 class QS_HOST_API CQsLiteVariantR
 {
 public:
@@ -404,7 +404,8 @@ private:
 };
 
 // Keeps every other thread and process that asks for it from changing a settings file, from construction to the end of
-// the scope: whoever loads, changes and saves a file holds it meanwhile. Waits up to five seconds. Not recursive.
+// the scope: whoever loads, changes and saves a file holds it meanwhile. Waits up to five seconds. Not recursive, and
+// the same for all files of a folder. The file need not be there, its folder must.
 class QS_HOST_API CQsSettingsFileLock
 {
 public:

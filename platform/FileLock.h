@@ -10,14 +10,15 @@ namespace QsPlatform {
 class QS_HOST_API CFolderLock
 {
 public:
-    // Waits up to `longestMs` for the lock of the folder that really holds the file (UTF-8). Not recursive. Nothing is
-    // left behind: a process that ends gives the lock back.
-    CFolderLock(const std::string& file, unsigned longestMs);
+    // Waits up to `longestMs` for the lock of the folder that holds the file (UTF-8), behind symbolic links; the file
+    // need not be there. Not recursive. Nothing is left behind: a process that ends gives the lock back.
+    CFolderLock(const std::string& file, unsigned longestMs, std::string& error);
     ~CFolderLock();
     CFolderLock(const CFolderLock&) = delete;
     CFolderLock& operator=(const CFolderLock&) = delete;
 
-    // False when the folder is missing, cannot be opened, or another one had it all the time.
+    // False, with one line in `error`, when the path names no file, the folder is missing, cannot be read or is on a
+    // file system without locks, or another one had it all the time.
     bool IsHeld() const { return m_handle != s_none; }
 
 private:

@@ -6,7 +6,6 @@
 // scan area.
 #include "device/ClassRegistration.h"
 #include "device/ScanAreaGeometry.h"
-#include "host/QsPluginManager.h"
 #include "plugins/SimulatedDevice.h"
 
 #include <algorithm>
@@ -27,17 +26,9 @@ SSimulatedDeviceSettings GalvoSettings(const CQsClassInfo& info)
     return ReadDeviceSettings(info.GetName(), settings);
 }
 
-// 1 where no scanner answers.
-double FullFieldZoom()
-{
-    double zoom = 1.0;
-    CQsPluginManager::AppRntm_HandleEvent(L"ConfocalV4Event_GetFullFOVSDKZoom", 0, 0, &zoom);
-    return zoom;
-}
-
 std::vector<Point> VisitedPoints(const ScanArea& scanArea, const SQsRLEPicBuf& picture, CQsSizeBase<int> size)
 {
-    const double zoom = FullFieldZoom();
+    const double zoom = QsFullFieldZoom();
     std::vector<Point> visited;
     for (const Point& point : scanArea.Points)
     {

@@ -5,6 +5,7 @@
 #include "calibration/CalibratedDevice.h"
 #include "device/ChipTransformations.h"
 #include "device/ClassRegistration.h"
+#include "device/ScanAreaGeometry.h"
 #include "plugins/ChipMapping.h"
 #include "plugins/OpticalBench.h"
 #include "plugins/PatternedDevice.h"
@@ -17,6 +18,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <initializer_list>
 
 namespace {
 
@@ -94,14 +96,42 @@ bool IsMountedAlike(const SQsCameraState& a, const SQsCameraState& b)
 // Whether a scan area is one that a scanner can sweep.
 bool IsScannable(const IQsStimulationDevice::SQsScanAreaDesc& area)
 {
-    const double numbers[] = {area.dZoom,        area.dAngle,          area.dXOffset,
-                              area.dYOffset,     area.dScanAreaAspect, area.dCropXOffset,
-                              area.dCropYOffset, area.dCropZoom,       area.dCropAspect};
-    constexpr double greatest = 1e6;
-    return std::all_of(std::begin(numbers), std::end(numbers),
-                       [](double number) { return std::abs(number) <= greatest; }) && // false for NaN
-           area.dZoom > 0.0 &&
-           area.dScanAreaAspect > 0.0 && area.dCropZoom > 0.0 && area.dCropAspect > 0.0;
+    const auto likely = [](std::initializer_list<double> numbers)
+    {
+        constexpr double greatest = 1e6;
+        return std::all_of(numbers.begin(), numbers.end(),
+                           [](double number) { return std::abs(number) <= greatest; }); // false for NaN
+    };
+    const bool field = likely({area.dZoom, area.dAngle, area.dXOffset, area.dYOffset, area.dScanAreaAspect}) &&
+                       area.dZoom > 0.0 && area.dScanAreaAspect > 0.0;
+    const bool crop = likely({area.dCropXOffset, area.dCropYOffset, area.dCropZoom, area.dCropAspect}) &&
+                      area.dCropZoom > 0.0 && area.dCropAspect > 0.0;
+    return field && (crop || !area.bIsCrop);
+}
+
+// The whole image of the full field <- the whole image that was acquired with the scan area, both of that size and
+// counted from the corner of the first pixel.
+//
+// By way of the scanner's field, as the galvanometer goes. CalcTransformImgToChip places scan areas, too, but in an
+// image with square pixels alone, and a crop that is turned about the middle of its uncropped size: lines that are
+// drawn on one image would be lit at other places by mirrors than by a beam.
+Matrix3 FullFieldFromScanned(const IQsStimulationDevice::SQsScanAreaDesc& area, const CQsSizeBase<int>& size)
+{
+    using Geometry = IQsStimulationDevice::SQsScanAreaHelper;
+    const IQsStimulationDevice::SQsScanAreaDesc fullField;
+    const double zoom = QsFullFieldZoom();
+    const CQsPointBase<double> corners[3] = {{0.0, 0.0}, {1.0 * size.cx, 0.0}, {0.0, 1.0 * size.cy}};
+    CQsPointBase<double> to[3];
+    for (int i = 0; i < 3; ++i)
+    {
+        Geometry::ConvertPointImgToPointArea(to[i], corners[i], &area, size, zoom);
+        Geometry::ConvertPointAreaToPointImg(to[i], to[i], &fullField, size, zoom);
+    }
+    Matrix3 placed;
+    placed << (to[1].x - to[0].x) / size.cx, (to[2].x - to[0].x) / size.cy, to[0].x, //
+        (to[1].y - to[0].y) / size.cx, (to[2].y - to[0].y) / size.cy, to[0].y,       //
+        0.0, 0.0, 1.0;
+    return placed;
 }
 
 // Bit by bit, so that a matrix that is not a number is the same as itself.
@@ -191,6 +221,14 @@ private:
     const CQsStringW m_camera;
     const std::vector<EQsWatchedDeviceType> m_watched;
     std::atomic<EQsCalibrationState> m_state{eCalibrationStateInvalid}; // what a calibration begins with
+    // What the calibration's flip stands for: the camera may be flipped and back again between two looks at its state.
+    enum EFlip
+    {
+        flipUnknown,
+        upright,
+        flipped
+    };
+    std::atomic<EFlip> m_flipTold{flipUnknown};
     CQsStimulationDeviceCalibration m_calibration;
 
     CQsMutex m_hardwareLock; // one reading of the hardware at a time; taken before the calibration's locks
@@ -244,7 +282,9 @@ int CQsSimMicromirrorDevice::GetCameraFlipReference(double* a, double* b, double
     if (!a || !b || !c || !d)
         return statusNullArgument;
     const CCamera camera(m_camera);
-    return camera ? camera->GetFlipReference(*a, *b, *c, *d) : QS_ERR_FAIL;
+    const int status = camera ? camera->GetFlipReference(*a, *b, *c, *d) : QS_ERR_FAIL;
+    m_flipTold = status != QS_OK ? flipUnknown : std::abs(*a - *d) > 0.0001 ? flipped : upright; // as it is read
+    return status;
 }
 
 int CQsSimMicromirrorDevice::GetCameraFormat(SQsGrabberFormatValue& format)
@@ -296,7 +336,8 @@ int CQsSimMicromirrorDevice::ReadHardware(SHardware& hardware)
         // that does not answer is not taken for one that stands upright.
         const bool updated =
             m_calibration.UpdateFlipMatrix() == QS_OK && m_calibration.UpdateTranslationVector() == QS_OK;
-        read = updated && IsMountedAlike(hardware.camera, camera->GetState());
+        read = updated && IsMountedAlike(hardware.camera, camera->GetState()) &&
+               m_flipTold == (hardware.camera.bFlipped ? flipped : upright);
     }
     m_calibration.UpdateCalibrationState();
     hardware.state = m_state; // the calibration's own is read without its lock
@@ -307,6 +348,8 @@ int CQsSimMicromirrorDevice::ReadHardware(SHardware& hardware)
     m_calibration.GetCalibrationCamToDMD(measured);
     m_calibration.GetMappingCamToDMD(hardware.imageToMirrors);
     m_calibration.GetCalibrationCamToDMD(after);
+    // Whoever loads a calibration meanwhile asks for the flip again.
+    read = read && m_flipTold == (hardware.camera.bFlipped ? flipped : upright);
     // The identity is what a calibration starts from, and falls back to when none is saved: it says nothing about where
     // light would land.
     hardware.calibrated = hardware.state != eCalibrationStateNone && AreSame(measured, after) && measured.size() == 9 &&
@@ -335,7 +378,8 @@ int CQsSimMicromirrorDevice::ImageToChip(const SHardware& hardware, const SQsGra
     constexpr int widest = 1 << 20; // [px] no sensor is wider, and sums of such sides do not overflow
     const bool likely = std::min({sensor.left, sensor.top, cameraRegion.left, cameraRegion.top}) >= -widest &&
                         std::max({sensor.right, sensor.bottom, cameraRegion.right, cameraRegion.bottom}) <= widest &&
-                        sensor.right > sensor.left && sensor.bottom > sensor.top;
+                        sensor.right > sensor.left && sensor.bottom > sensor.top &&
+                        cameraRegion.right >= cameraRegion.left && cameraRegion.bottom >= cameraRegion.top;
     if (!(format.fx > 0.0) || !(format.fy > 0.0) || !likely)
         return Refuse("the format says nothing of the sensor or the binning");
     if (pScanArea && !IsScannable(*pScanArea))
@@ -344,7 +388,8 @@ int CQsSimMicromirrorDevice::ImageToChip(const SHardware& hardware, const SQsGra
     // The transformation to the chip knows no flip: it is given the region as it lies in the image that is not flipped.
     CQsRectBase<int> region = cameraRegion;
     const bool whole = region.Width() == 0 && region.Height() == 0;
-    if (hardware.camera.bFlipped && std::fmod(hardware.camera.dRotation, 180.0) == 0.0)
+    const bool quarterTurn = std::fmod(hardware.camera.dRotation, 180.0) != 0.0;
+    if (hardware.camera.bFlipped && !quarterTurn)
     {
         region.top = sensor.top + sensor.bottom - cameraRegion.bottom;
         region.bottom = sensor.top + sensor.bottom - cameraRegion.top;
@@ -354,15 +399,16 @@ int CQsSimMicromirrorDevice::ImageToChip(const SHardware& hardware, const SQsGra
         region.left = sensor.left + sensor.right - cameraRegion.right;
         region.right = sensor.left + sensor.right - cameraRegion.left;
     }
-    Matrix3 imageToSensor; // in its reference size
-    SQsTransformationHelper::CalcTransformImgToChip(format, hardware.camera.dRotation * pi / 180.0, pScanArea,
-                                                    whole ? nullptr : &region, pScanArea != nullptr,
-                                                    imageToSensor.data());
-    // The reference size is the longer side of a camera's sensor, and the shorter one of a scanner's full field.
-    const double reference =
-        pScanArea ? std::min(sensor.Width(), sensor.Height()) : std::max(sensor.Width(), sensor.Height());
+    Matrix3 imageToSensor; // in its reference size, the longer side
+    SQsTransformationHelper::CalcTransformImgToChip(format, hardware.camera.dRotation * pi / 180.0, nullptr,
+                                                    whole ? nullptr : &region, false, imageToSensor.data());
     Matrix3 pixels = Matrix3::Identity();
-    pixels(0, 0) = pixels(1, 1) = reference;
+    pixels(0, 0) = pixels(1, 1) = std::max(sensor.Width(), sensor.Height());
+    // The scan area says where this image lies in the one that the camera would deliver of the full field.
+    Matrix3 placed = Matrix3::Identity();
+    if (pScanArea)
+        placed = FullFieldFromScanned(*pScanArea, quarterTurn ? CQsSizeBase<int>{sensor.Height(), sensor.Width()}
+                                                              : CQsSizeBase<int>{sensor.Width(), sensor.Height()});
     // That transformation leads to the centre of the first of the binned sensor pixels, not to that of all of them.
     Matrix3 centres = Matrix3::Identity();
     centres(0, 2) = (format.fx - 1.0) / (2.0 * format.fx);
@@ -370,7 +416,7 @@ int CQsSimMicromirrorDevice::ImageToChip(const SHardware& hardware, const SQsGra
     if (hardware.imageToMirrors.size() != 9)
         return Refuse("the calibration has no nine elements");
     const Eigen::Map<const Matrix3> mapping(hardware.imageToMirrors.data());
-    const Matrix3 result = mapping * pixels * imageToSensor * centres;
+    const Matrix3 result = mapping * placed * pixels * imageToSensor * centres;
     double inverse[9];
     if (!InvertAffine(result.data(), inverse))
         return Refuse("the mapping is singular, not finite or not affine");
@@ -435,9 +481,10 @@ int CQsSimMicromirrorDevice::GetChipPicture(SQsRLEPicBuf& mirrors)
             return Refuse("the camera was turned or flipped after the areas were given");
         double imageToChip[9];
         if (ImageToChip(hardware, area.format, area.hasScanArea ? &area.scanArea : nullptr, area.cameraRegion,
-                        imageToChip) != QS_OK ||
-            !on.AddImagePicture(area.picture, imageToChip))
+                        imageToChip) != QS_OK)
             return QS_ERR_FAIL;
+        if (!on.AddImagePicture(area.picture, imageToChip)) // the matrix is a usable one
+            return Refuse("the picture is larger than any image");
     }
     if (read && hardware.state < eCalibrationStateRotationUnknown)
         DiagOutputExW(L"SimulatedDevices", __LINE__,

@@ -1,6 +1,7 @@
 #include "plugins/SimulatedDevice.h"
 
 #include "device/WaitTime.h"
+#include "host/QsPluginManager.h"
 #include "standalone/Journal.h"
 
 #include <algorithm>
@@ -27,6 +28,13 @@ void Fill(double* times, std::uint64_t count)
 }
 
 } // namespace
+
+double QsFullFieldZoom()
+{
+    double zoom = 1.0;
+    CQsPluginManager::AppRntm_HandleEvent(L"ConfocalV4Event_GetFullFOVSDKZoom", 0, 0, &zoom);
+    return zoom;
+}
 
 class CQsSimulatedDevice::CLight
 {

@@ -16,6 +16,9 @@
 #include <functional>
 #include <string>
 
+// Zoom of the confocal scanner's full field; 1 where no scanner answers.
+double QsFullFieldZoom();
+
 class CQsSimulatedDevice : public IQsStimulationDevice, public CQsClass
 {
 public:

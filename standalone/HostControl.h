@@ -21,6 +21,9 @@ QS_HOST_API void ClearTranslations();
 // What QS_GetSettingsFolder answers; empty: a folder beside the registry store. [host]
 QS_HOST_API void SetSettingsFolder(const std::string& path);
 
+// Gives up the last settings file that is kept with its store: the next load parses. [any thread]
+QS_HOST_API void ForgetLastSettingsFile();
+
 // What DMApi::Hardware_Get answers. [any thread]
 QS_HOST_API void SetHardware(const SQsDMApiHardware& hardware);
 

@@ -1,5 +1,7 @@
 #include "standalone/JsonText.h"
 
+#include "host/QsSystem.h"
+
 #include <rapidjson/encodings.h>
 #include <rapidjson/error/error.h>
 #include <rapidjson/reader.h>
@@ -76,20 +78,24 @@ public:
         Add(SJsonValue::Kind::Flag)->flag = flag;
         return true;
     }
-    bool Int(int number) { return Double(number); }
-    bool Uint(unsigned number) { return Double(number); }
-    bool Int64(std::int64_t number) { return Double(static_cast<double>(number)); }
-    bool Uint64(std::uint64_t number) { return Double(static_cast<double>(number)); }
-    bool Double(double number)
+    // Numbers come as they stand in the file: the library reads a zero with many decimals, or with an exponent below
+    // -22, as any other number.
+    bool Int(int) { return false; }
+    bool Uint(unsigned) { return false; }
+    bool Int64(std::int64_t) { return false; }
+    bool Uint64(std::uint64_t) { return false; }
+    bool Double(double) { return false; }
+    bool RawNumber(const char* digits, rapidjson::SizeType length, bool)
     {
-        Add(SJsonValue::Kind::Number)->number = number;
-        return true;
+        return QS_StringToDouble(std::wstring(digits, digits + length).c_str(),
+                                 Add(SJsonValue::Kind::Number)->number) ||
+               Fail("expected a number that a double can hold, found " + QuoteForMessage(std::string(digits, length)));
     }
-    bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; } // not asked for
     bool String(const char* text, rapidjson::SizeType length, bool)
     {
-        Add(SJsonValue::Kind::Text)->text.assign(text, length);
-        return true;
+        std::string& added = Add(SJsonValue::Kind::Text)->text;
+        added.assign(text, length);
+        return IsWhole(added);
     }
     bool StartObject() { return Open(SJsonValue::Kind::Object); }
     bool Key(const char* text, rapidjson::SizeType length, bool)
@@ -97,6 +103,8 @@ public:
         SLevel& level = m_levels.back();
         level.value->members.push_back({std::string(text, length), m_stream.Line(), {}});
         const std::string& key = level.value->members.back().key;
+        if (!IsWhole(key))
+            return false;
         return level.keys.insert(key).second ||
                Fail("expected each key once in an object, found " + QuoteForMessage(key) + " again");
     }
@@ -127,6 +135,16 @@ private:
         value->kind = kind;
         value->line = m_stream.Line();
         return value;
+    }
+
+    // The library lets the second half of a surrogate pair through where the first is not there, as three bytes that
+    // are no UTF-8. Everything else has been checked.
+    bool IsWhole(const std::string& text)
+    {
+        for (std::size_t i = text.find('\xED'); i != std::string::npos; i = text.find('\xED', i + 1))
+            if (static_cast<unsigned char>(text[i + 1]) >= 0xA0)
+                return Fail("expected a whole \\u escape in a text, found the second half of a pair");
+        return true;
     }
 
     bool Open(SJsonValue::Kind kind)
@@ -368,7 +386,7 @@ bool ParseJson(const std::string& text, SJsonValue& root, SJsonFault& fault)
     CTreeBuilder builder(stream, root, fault);
     rapidjson::Reader reader;
     constexpr unsigned flags =
-        rapidjson::kParseCommentsFlag | rapidjson::kParseFullPrecisionFlag | rapidjson::kParseIterativeFlag;
+        rapidjson::kParseCommentsFlag | rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseIterativeFlag;
     if (!reader.Parse<flags>(stream, builder).IsError())
         return true;
     if (!builder.HasFailed())

@@ -284,7 +284,6 @@ void CQsLiteVariantR::LeaveLevel()
 qs_int32 CQsLiteVariantR::LoadFromFile(const wchar_t* path, bool bCheck, bool bMissingIsEmpty)
 {
     std::string error;
-    qs_int32 status = QS_ERR_FAIL;
     try
     {
         Level root;
@@ -298,14 +297,15 @@ qs_int32 CQsLiteVariantR::LoadFromFile(const wchar_t* path, bool bCheck, bool bM
             m_path.swap(levels);
             return QS_OK;
         }
-        status = state == ESettingsFile::Missing ? statusMissing : QS_ERR_FAIL;
+        if (state == ESettingsFile::Missing)
+            return statusMissing; // no fault and no line: a first start has no settings yet
     }
     catch (const std::exception& e) // no memory
     {
         error = PathOf(path) + ": cannot be read: " + e.what();
     }
     DiagOutputExW(s_unit, __LINE__, L"%hs", error.c_str());
-    return status;
+    return QS_ERR_FAIL;
 }
 
 qs_int32 CQsLiteVariantR::SaveToFile(const wchar_t* path, bool bCompact, bool bSync, bool bBackup) const

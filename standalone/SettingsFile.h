@@ -17,8 +17,9 @@ constexpr std::size_t s_longestSettings = std::size_t{256} << 20;
 // read again.
 std::string WriteSettings(const SQsLiteLevel& root, bool compact, std::size_t expected, std::string& error);
 
-// Null, with the fault, for what is no settings file; `check`: also for one whose end sum does not fit.
-SQsLiteLevel::Level ParseSettings(const std::string& text, bool check, SJsonFault& fault);
+// Null, with the fault, for what is no settings file. `fits`: whether the end sum does; when it does not, the fault
+// says so. A file without an end sum was edited by hand and fits.
+SQsLiteLevel::Level ParseSettings(const std::string& text, bool& fits, SJsonFault& fault);
 
 enum class ESettingsFile
 {

@@ -10,19 +10,16 @@ constexpr unsigned longestMs = 5000; // many saves of a large file
 
 struct CQsSettingsFileLock::SLock
 {
+    std::string error;
     QsPlatform::CFolderLock folder;
+
+    explicit SLock(const std::string& file) : folder(file, longestMs, error) {}
 };
 
-CQsSettingsFileLock::CQsSettingsFileLock(const wchar_t* path)
-    : m_lock(new SLock{{CQsStringW(path).ToUtf8(), longestMs}})
+CQsSettingsFileLock::CQsSettingsFileLock(const wchar_t* path) : m_lock(new SLock(CQsStringW(path).ToUtf8()))
 {
     if (!IsHeld())
-    {
-        DiagOutputExW(L"Settings", __LINE__,
-                      L"%s: cannot be changed: expected its folder free within %u ms, found it "
-                      L"missing, closed to us or in use",
-                      path != nullptr ? path : L"", longestMs);
-    }
+        DiagOutputExW(L"Settings", __LINE__, L"%hs", m_lock->error.c_str());
 }
 
 CQsSettingsFileLock::~CQsSettingsFileLock() = default;

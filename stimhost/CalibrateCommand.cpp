@@ -47,6 +47,35 @@ std::string MeasurementJson(const CCalibratedDevice& device, const SOptions& opt
     return json.Take();
 }
 
+// Measures, unless what is measured could not be saved.
+SMeasurement Measure(const CCalibratedDevice& device, const SOptions& options)
+{
+    // A camera that is not there is the measurement's to tell.
+    if (!options.save || device.Calibrated().UpdateHardware() != QS_OK ||
+        !device.Calibration().GetConfigurationStringCurrent().IsEmpty())
+        return MeasureCalibration(device, options.gridColumns, options.gridRows);
+    SMeasurement measurement;
+    if (device.View(measurement.view, measurement.refusal))
+        measurement.refusal = "expected a part of the hardware that " + device.Name() +
+                              " watches to save it for, found none: it could never be found again";
+    return measurement;
+}
+
+// What a user should know of a calibration that has been saved.
+void WarnOfSaved(const CCalibratedDevice& device, const std::string& damaged, const std::set<std::string>& keptBefore)
+{
+    for (const std::string& kept : KeptAside(device))
+        if (!damaged.empty() && keptBefore.count(kept) == 0)
+            Complain(damaged + "; kept as " + kept);
+    std::string parts;
+    for (const std::string& part : ReadsBackOtherwise(device))
+        parts += (parts.empty() ? "" : ", ") + part;
+    if (!parts.empty())
+        Complain("saved, but its text reads back as of another " + parts +
+                 ", so it will not fit: expected names without # and $, found " +
+                 ToUtf8(device.Calibration().GetConfigurationStringCurrent()));
+}
+
 } // namespace
 
 int Calibrate(const SOptions& options, CSession& session)
@@ -58,7 +87,9 @@ int Calibrate(const SOptions& options, CSession& session)
         Complain(error);
         return eExitBadUse;
     }
-    const SMeasurement measurement = MeasureCalibration(device, options.gridColumns, options.gridRows);
+    const SMeasurement measurement = Measure(device, options);
+    const std::string damaged = options.save ? FaultOfSaved(device) : std::string();
+    const std::set<std::string> keptBefore = KeptAside(device);
     int code = eExitDone;
     if (measurement.interrupted)
         Complain("interrupted: nothing was calibrated");
@@ -69,6 +100,8 @@ int Calibrate(const SOptions& options, CSession& session)
         Complain(CalibrationFile(device) + ": " + error);
         code = eExitBadUse;
     }
+    else if (options.save)
+        WarnOfSaved(device, damaged, keptBefore);
     if (!measurement.refusal.empty())
         code = eExitFailed;
     code = PutLightsOut(code); // before the output, which may wait for its reader

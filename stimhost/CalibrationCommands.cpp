@@ -13,23 +13,13 @@ namespace {
 
 constexpr double s_degrees = 180.0 / 3.14159265358979323846;
 
-// The device, or the exit code with one line.
-std::optional<int> FindDevice(const SOptions& options, CSession& session, CCalibratedDevice& device)
-{
-    std::string error;
-    if (CCalibratedDevice::Find(*session.Manager(), options.device, device, error))
-        return std::nullopt;
-    Complain(error);
-    return eExitBadUse;
-}
-
+// The device and what is saved for it, or the exit code with one line.
 std::optional<int> FindSaved(const SOptions& options, CSession& session, CCalibratedDevice& device,
                              std::vector<SSavedCalibration>& saved)
 {
-    if (const std::optional<int> code = FindDevice(options, session, device))
-        return code;
     std::string error;
-    if (ReadSavedCalibrations(device, saved, error))
+    if (CCalibratedDevice::Find(*session.Manager(), options.device, device, error) &&
+        ReadSavedCalibrations(device, saved, error))
         return std::nullopt;
     Complain(error);
     return eExitBadUse;
@@ -142,7 +132,8 @@ int CalibrationList(const SOptions& options, CSession& session)
 int CalibrationShow(const SOptions& options, CSession& session)
 {
     CCalibratedDevice device;
-    if (const std::optional<int> code = FindDevice(options, session, device))
+    std::vector<SSavedCalibration> saved; // read for the line that a damaged file gets
+    if (const std::optional<int> code = FindSaved(options, session, device, saved))
         return *code;
     device.FollowHardware();
     CQsStimulationDeviceCalibration& calibration = device.Calibration();
@@ -171,7 +162,8 @@ int CalibrationShow(const SOptions& options, CSession& session)
 int CalibrationFind(const SOptions& options, CSession& session)
 {
     CCalibratedDevice device;
-    if (const std::optional<int> code = FindDevice(options, session, device))
+    std::vector<SSavedCalibration> saved; // read for the line that a damaged file gets
+    if (const std::optional<int> code = FindSaved(options, session, device, saved))
         return *code;
     device.Calibrated().UpdateHardware();
     CQsStringW key = device.Calibration().GetConfigurationStringCurrent();

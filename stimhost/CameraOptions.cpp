@@ -18,7 +18,7 @@ SQsDMApiHardware HardwareOf(SQsDMApiHardware hardware, const SOptions& options)
         auto changer = std::find_if(hardware.filterChangers.begin(), hardware.filterChangers.end(),
                                     [&](const SQsDMApiHardware::SFilterChanger& known) { return known.sKey == key; });
         if (changer == hardware.filterChangers.end())
-            changer = hardware.filterChangers.insert(changer, {});
+            changer = hardware.filterChangers.emplace(changer);
         *changer = {key, FromUtf8(filter.name), filter.position};
     }
     return hardware;

@@ -97,10 +97,18 @@ int Demo(const SOptions& options, CSession& session)
 {
     if (options.json)
         KeepSilent();
+    const bool hasBeampaths = QsStandalone::CQsDeviceDatabase::IsOpen();
+    const bool hasOptics = !hasBeampaths && !session.Rig().cameras.empty();
+    std::string error;
+    if (hasOptics && !MayDemonstrateOptics(session, options, error))
+    {
+        Complain(error);
+        return eExitBadUse;
+    }
     CDemoRun run(session, options);
-    if (QsStandalone::CQsDeviceDatabase::IsOpen())
+    if (hasBeampaths)
         DemonstrateBeampaths(run);
-    else if (!session.Rig().cameras.empty())
+    else if (hasOptics)
         DemonstrateOptics(run);
     else
         DemonstrateDevices(run);

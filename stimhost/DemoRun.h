@@ -52,6 +52,8 @@ SRequest DemoRequest(const std::string& title, EKind kind, double durationMs, st
 
 // The devices one by one, without a device database.
 void DemonstrateDevices(CDemoRun& run);
+// False, with one line, where the next one would save among, or clear, calibrations that are not the demo's.
+bool MayDemonstrateOptics(CSession& session, const SOptions& options, std::string& error);
 // A calibration against a camera, and where the light lands with it.
 void DemonstrateOptics(CDemoRun& run);
 // The beampaths of a device database.

@@ -1,5 +1,6 @@
 #include "stimhost/Landing.h"
 
+#include "stimhost/SavedCalibrations.h"
 #include "stimhost/Text.h"
 
 namespace Stimhost {
@@ -43,8 +44,11 @@ bool CLandingProbe::Prepare(const CCalibratedDevice& device, const SRoi& roi, bo
     // The upload may have looked at the hardware.
     m_landing.state = device.State();
     if (status != QS_OK)
+    {
+        const std::string fault = FaultOfSaved(device);
         m_landing.refusal = device.Name() + " does not take the region, status " + std::to_string(status) +
-                            "; calibration state " + StateText(m_landing.state);
+                            "; calibration state " + StateText(m_landing.state) + (fault.empty() ? "" : "; " + fault);
+    }
     return status == QS_OK;
 }
 

@@ -1,11 +1,13 @@
 // Commands that show and choose: list, activate, script, registry, rig.
 
+#include "device/ChipTransformations.h"
 #include "manager/StimulationManager.h"
 #include "platform/Utf16.h"
 #include "platform/posix/Control.h"
 #include "standalone/HostControl.h"
 #include "standalone/Rig.h"
 #include "standalone/Script.h"
+#include "stimhost/CalibratedDevice.h"
 #include "stimhost/Commands.h"
 #include "stimhost/Session.h"
 #include "stimhost/Text.h"
@@ -115,6 +117,18 @@ bool SaveRecentlyUsed(CQsStimulationDeviceManager& manager, const std::string& l
     return false;
 }
 
+// What the camera tells of itself; none when it tells nothing.
+std::optional<bool> IsConfocal(const CQsStringW& name)
+{
+    const std::unique_ptr<IQsGrabberCamera, SReleaser> camera(CQsGrabberManager::FindCamera(name));
+    auto* const provider = dynamic_cast<IQsGenericProvider*>(camera.get());
+    if (provider == nullptr)
+        return std::nullopt;
+    CQsGenericProviderGrabber grabber;
+    grabber.AddProvider(provider);
+    return IQsStimulationDevice::SQsTransformationHelper::IsConfocal(&grabber);
+}
+
 std::string ListJson(const std::vector<SInfo>& devices, const std::vector<std::string>& recent,
                      const CQsStimulationDeviceManager& manager, const QsStandalone::SRig& rig)
 {
@@ -137,6 +151,16 @@ std::string ListJson(const std::vector<SInfo>& devices, const std::vector<std::s
             .Flag("active", device.bActive)
             .Flag("visible", device.bVisible)
             .EndObject();
+    json.EndArray().Array("cameras");
+    for (const CQsStringW& name : CQsGrabberManager::CameraNames())
+    {
+        json.Object().Text("name", ToUtf8(name));
+        if (const std::optional<bool> confocal = IsConfocal(name))
+            json.Flag("confocal", *confocal);
+        else
+            json.Null("confocal");
+        json.EndObject();
+    }
     json.EndArray().Array("recentlyUsed");
     for (const std::string& name : recent)
         json.Element(name);
@@ -159,6 +183,17 @@ std::string ListText(CQsStimulationDeviceManager& manager)
     for (const SInfo& device : Devices(manager))
         text += std::string("  ") + (device.bActive ? "* " : "  ") + Padded(ToUtf8(device.sName), 32) + "  " +
                 Padded(ToUtf8(device.sDisplayName), 32) + (device.bVisible ? "" : "  hidden") + "\n";
+    const std::vector<CQsStringW> cameras = CQsGrabberManager::CameraNames();
+    text += cameras.empty() ? "" : "Cameras\n";
+    for (const CQsStringW& name : cameras)
+    {
+        const std::optional<bool> confocal = IsConfocal(name);
+        text += "    " + Padded(ToUtf8(name), 32) + "  " +
+                (!confocal   ? "does not say whether it is a confocal scanner"
+                 : *confocal ? "confocal scanner"
+                             : "camera") +
+                "\n";
+    }
     return text;
 }
 

@@ -5,6 +5,7 @@
 #include "stimhost/CalibratedDevice.h"
 #include "stimhost/Commands.h"
 #include "stimhost/RoiText.h"
+#include "stimhost/SavedCalibrations.h"
 #include "stimhost/ScanAreaText.h"
 #include "stimhost/Session.h"
 #include "stimhost/Text.h"
@@ -12,6 +13,7 @@
 #include <QFile>
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 
 namespace Stimhost {
@@ -33,23 +35,33 @@ struct SFrames
 
     CQsSizeBase<int> Size() const { return view.format.size; }
 
-    CPoint ToImage(const std::string& from, const CPoint& point) const
+    // None where the result is no pair of finite numbers.
+    std::optional<CPoint> Map(const std::string& from, const std::string& to, const CPoint& point) const
     {
+        int status = QS_OK;
         CPoint image = point;
         if (from == "area")
-            SHelper::ConvertPointAreaToPointImg(point, image, &scanArea, Size(), referenceZoom);
+            status = SHelper::ConvertPointAreaToPointImg(point, image, &scanArea, Size(), referenceZoom);
         else if (from == "chip")
             image = Mapped(imageFromChip, point);
-        return image;
-    }
-    CPoint FromImage(const std::string& to, const CPoint& image) const
-    {
-        CPoint point = image;
-        if (to == "area")
-            SHelper::ConvertPointImgToPointArea(point, image, &scanArea, Size(), referenceZoom);
+        CPoint result = image;
+        if (to == "area" && status == QS_OK)
+            status = SHelper::ConvertPointImgToPointArea(result, image, &scanArea, Size(), referenceZoom);
         else if (to == "chip")
-            point = Mapped(chipFromImage, image);
-        return point;
+            result = Mapped(chipFromImage, image);
+        if (status != QS_OK || !std::isfinite(result.x) || !std::isfinite(result.y))
+            return std::nullopt;
+        return result;
+    }
+
+    // Both directions between image and chip; false when there is no such mapping.
+    bool MapToChip(const IQsStimulationDevice::SQsScanAreaDesc* area)
+    {
+        const std::optional<CMatrix3> there = device->ChipFromImage(view, area);
+        const std::optional<CMatrix3> back = there ? Inverse(*there) : std::nullopt;
+        chipFromImage = there.value_or(s_identity3);
+        imageFromChip = back.value_or(s_identity3);
+        return back.has_value();
     }
 };
 
@@ -103,30 +115,116 @@ std::optional<int> FindFrames(const SOptions& options, CSession& session, SFrame
         CQsPluginManager::AppRntm_HandleEvent(L"ConfocalV4Event_GetFullFOVSDKZoom", 0, 0, &frames.referenceZoom);
     if (!needsChip)
         return std::nullopt;
-    const std::optional<CMatrix3> chipFromImage =
-        frames.device->ChipFromImage(frames.view, frames.hasScanArea ? &frames.scanArea : nullptr);
-    const std::optional<CMatrix3> inverse = chipFromImage ? Inverse(*chipFromImage) : std::nullopt;
-    if (!inverse)
-        return Refuse(frames.device->Name() + " has no usable calibration; state " + StateText(frames.device->State()),
-                      eExitFailed);
-    frames.chipFromImage = *chipFromImage;
-    frames.imageFromChip = *inverse;
-    return std::nullopt;
+    if (frames.MapToChip(frames.hasScanArea ? &frames.scanArea : nullptr))
+        return std::nullopt;
+    const std::string& name = frames.device->Name();
+    if (frames.hasScanArea && frames.MapToChip(nullptr))
+        return Refuse("--scan-area: expected one that can be mapped to the chip of " + name + ", found \"" +
+                      options.scanArea + "\"");
+    const std::string fault = FaultOfSaved(*frames.device);
+    if (!fault.empty())
+        return Refuse(fault);
+    return Refuse(name + " has no usable calibration; state " + StateText(frames.device->State()), eExitFailed);
 }
 
 // What a mapping prints beside its points.
 struct SExtra
 {
+    struct STurnedRect // turned about its centre
+    {
+        CQsRectBase<double> rect;
+        double angle = 0.0; // [rad]
+    };
+
     std::optional<IQsStimulationDevice::SQsScanAreaDesc> scanArea; // that a rectangle stands for
+    std::optional<IQsStimulationDevice::SQsScanAreaDesc> cropArea; // its crop is the one that a rectangle stands for
+    std::optional<STurnedRect> scanAreaRect;                       // of --scan-area, on the image of the full field
+    std::optional<STurnedRect> cropRect;                           // of its crop, likewise
     std::optional<std::uint64_t> mirrors;                          // that a region lights
 };
 
-void PrintMapping(const SOptions& options, const SFrames& frames, const std::vector<CPoint>& from,
-                  const SExtra& extra = {})
+bool IsFinite(const SExtra::STurnedRect& turned)
+{
+    const double numbers[] = {turned.rect.left, turned.rect.top, turned.rect.right, turned.rect.bottom, turned.angle};
+    return std::all_of(std::begin(numbers), std::end(numbers), [](double number) { return std::isfinite(number); });
+}
+
+bool IsFinite(const IQsStimulationDevice::SQsScanAreaDesc& area)
+{
+    const double numbers[] = {area.dZoom,       area.dAngle,          area.dXOffset,
+                              area.dYOffset,    area.dScanAreaAspect, area.dCropZoom,
+                              area.dCropAspect, area.dCropXOffset,    area.dCropYOffset};
+    return std::all_of(std::begin(numbers), std::end(numbers), [](double number) { return std::isfinite(number); });
+}
+
+constexpr SHelper::EScanAreaMode s_mode = SHelper::eScanAreaModeAspect;
+
+// Scan area, and crop of the one given, that a rectangle of the image stands for. False when there are none.
+bool FindAreas(const SFrames& frames, const CQsRectBase<double>& rect, SExtra& extra)
+{
+    IQsStimulationDevice::SQsScanAreaDesc area;
+    if (SHelper::ConvertRectToScanArea(&area, rect, 0.0, &frames.scanArea, frames.Size(), frames.referenceZoom,
+                                       s_mode) != QS_OK ||
+        !IsFinite(area))
+        return false;
+    extra.scanArea = area;
+    if (!frames.scanArea.bIsCrop)
+        return true;
+    area = frames.scanArea;
+    if (SHelper::ConvertRectToCropArea(&area, rect, 0.0, &frames.scanArea, frames.Size(), frames.referenceZoom,
+                                       s_mode) != QS_OK ||
+        !IsFinite(area))
+        return false;
+    extra.cropArea = area;
+    return true;
+}
+
+// Where the scan area that is given, and its crop, lie on the image of the full field. False when nowhere.
+bool FindRects(const SFrames& frames, SExtra& extra)
+{
+    const IQsStimulationDevice::SQsScanAreaDesc fullField;
+    SExtra::STurnedRect turned;
+    if (SHelper::ConvertScanAreaToRect(&frames.scanArea, turned.rect, turned.angle, &fullField, frames.Size(),
+                                       frames.referenceZoom, s_mode) != QS_OK ||
+        !IsFinite(turned))
+        return false;
+    extra.scanAreaRect = turned;
+    if (!frames.scanArea.bIsCrop)
+        return true;
+    if (SHelper::ConvertCropAreaToRect(&frames.scanArea, turned.rect, turned.angle, &fullField, frames.Size(),
+                                       frames.referenceZoom, s_mode) != QS_OK ||
+        !IsFinite(turned))
+        return false;
+    extra.cropRect = turned;
+    return true;
+}
+
+void WriteRect(CJson& json, std::string& text, const char* key, const char* title, const SExtra::STurnedRect& turned)
+{
+    const double sides[] = {turned.rect.left, turned.rect.top, turned.rect.right, turned.rect.bottom};
+    const double degrees = turned.angle * 180.0 / 3.14159265358979323846;
+    json.Object(key).Reals("bounds", sides, 4).Real("angle", degrees).EndObject();
+    text += title;
+    for (const double& side : sides)
+        text += (&side == sides ? " " : ",") + Number(side, 6);
+    text += " turned by " + Number(degrees, 6) + " deg, on the image of the full field\n";
+}
+
+// The exit code.
+int PrintMapping(const SOptions& options, const SFrames& frames, const std::vector<CPoint>& from,
+                 const SExtra& extra = {})
 {
     std::vector<CPoint> to;
     for (const CPoint& point : from)
-        to.push_back(frames.FromImage(options.to, frames.ToImage(options.from, point)));
+    {
+        const std::optional<CPoint> mapped = frames.Map(options.from, options.to, point);
+        if (!mapped)
+            return Refuse("expected finite numbers in the frame \"" + options.to + "\" for the point " +
+                              Exact(point.x) + "," + Exact(point.y) + " of the frame \"" + options.from +
+                              "\", found none",
+                          eExitFailed);
+        to.push_back(*mapped);
+    }
     const bool onChip = options.to == "chip";
     const CQsSizeBase<int> chip = onChip ? frames.device->Calibrated().GetChipSize() : CQsSizeBase<int>();
 
@@ -161,6 +259,18 @@ void PrintMapping(const SOptions& options, const SFrames& frames, const std::vec
         text += "scan area zoom=" + Exact(area.dZoom) + ",angle=" + Exact(area.dAngle) + ",x=" + Exact(area.dXOffset) +
                 ",y=" + Exact(area.dYOffset) + ",aspect=" + Exact(area.dScanAreaAspect) + "\n";
     }
+    if (extra.cropArea)
+    {
+        const auto& area = *extra.cropArea;
+        json.Object("cropArea").Real("zoom", area.dCropZoom).Real("aspect", area.dCropAspect);
+        json.Real("x", area.dCropXOffset).Real("y", area.dCropYOffset).EndObject();
+        text += "crop      crop-zoom=" + Exact(area.dCropZoom) + ",crop-aspect=" + Exact(area.dCropAspect) +
+                ",crop-x=" + Exact(area.dCropXOffset) + ",crop-y=" + Exact(area.dCropYOffset) + "\n";
+    }
+    if (extra.scanAreaRect)
+        WriteRect(json, text, "scanAreaRect", "scan area", *extra.scanAreaRect);
+    if (extra.cropRect)
+        WriteRect(json, text, "cropRect", "crop     ", *extra.cropRect);
     if (extra.mirrors)
     {
         json.Integer("mirrors", static_cast<long long>(*extra.mirrors));
@@ -170,6 +280,7 @@ void PrintMapping(const SOptions& options, const SFrames& frames, const std::vec
         text += "calibration state " + StateText(frames.device->State()) + "\n";
     json.EndObject();
     Print(options.json ? json.Take() : text);
+    return eExitDone;
 }
 
 bool ReadRoiOrFile(const std::string& place, SRoi& roi, std::string& error)
@@ -200,8 +311,7 @@ int MapPoint(const SOptions& options, CSession& session)
     SFrames frames;
     if (const std::optional<int> code = FindFrames(options, session, frames))
         return *code;
-    PrintMapping(options, frames, {*point});
-    return eExitDone;
+    return PrintMapping(options, frames, {*point});
 }
 
 int MapRect(const SOptions& options, CSession& session)
@@ -215,15 +325,14 @@ int MapRect(const SOptions& options, CSession& session)
         return *code;
     const CQsRectBase<double> rect{(*sides)[0], (*sides)[1], (*sides)[2], (*sides)[3]};
     SExtra extra;
-    IQsStimulationDevice::SQsScanAreaDesc area;
-    if (options.from == "image" && options.to == "area" &&
-        SHelper::ConvertRectToScanArea(&area, rect, 0.0, &frames.scanArea, frames.Size(), frames.referenceZoom,
-                                       SHelper::eScanAreaModeAspect) == QS_OK)
-        extra.scanArea = area;
-    PrintMapping(options, frames,
-                 {{rect.left, rect.top}, {rect.right, rect.top}, {rect.right, rect.bottom}, {rect.left, rect.bottom}},
-                 extra);
-    return eExitDone;
+    if (options.from == "image" && options.to == "area" && !FindAreas(frames, rect, extra))
+        return Refuse("expected a rectangle that is a scan area, found \"" + options.place + "\"", eExitFailed);
+    if (options.from == "area" && options.to == "image" && frames.hasScanArea && !FindRects(frames, extra))
+        return Refuse("--scan-area: expected one that lies somewhere on the image, found \"" + options.scanArea + "\"",
+                      eExitFailed);
+    return PrintMapping(
+        options, frames,
+        {{rect.left, rect.top}, {rect.right, rect.top}, {rect.right, rect.bottom}, {rect.left, rect.bottom}}, extra);
 }
 
 int MapRoi(const SOptions& options, CSession& session)
@@ -243,15 +352,20 @@ int MapRoi(const SOptions& options, CSession& session)
             return Refuse(error);
         // The mirrors are the device's to choose, so it is asked for them.
         SQsRLEPicBuf mirrors;
-        if (options.to == "chip" &&
-            frames.device->Device().StimulationAreaSet({}, picture, frames.hasScanArea ? &frames.scanArea : nullptr,
-                                                       frames.view.format, frames.view.region) == QS_OK &&
-            frames.device->Calibrated().GetChipPicture(mirrors) == QS_OK)
+        if (options.to == "chip")
+        {
+            int status = frames.device->Device().StimulationAreaSet(
+                {}, picture, frames.hasScanArea ? &frames.scanArea : nullptr, frames.view.format, frames.view.region);
+            if (status == QS_OK)
+                status = frames.device->Calibrated().GetChipPicture(mirrors);
+            if (status != QS_OK)
+                return Refuse(frames.device->Name() + " does not take the region, status " + std::to_string(status),
+                              eExitFailed);
             extra.mirrors = PixelCount(mirrors);
+        }
     }
     constexpr unsigned segments = 32;
-    PrintMapping(options, frames, Outline(roi, segments), extra);
-    return eExitDone;
+    return PrintMapping(options, frames, Outline(roi, segments), extra);
 }
 
 } // namespace Stimhost

@@ -21,6 +21,7 @@
 #include <rapidjson/writer.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -67,6 +68,14 @@ std::string TextOf(const rapidjson::Value& object, const char* key)
 int NumberOf(const rapidjson::Value& object, const char* key)
 {
     return object.IsObject() && object.HasMember(key) && object[key].IsInt() ? object[key].GetInt() : -1;
+}
+
+std::string ElementsText(const CMatrix3& matrix)
+{
+    std::string text;
+    for (const double element : matrix)
+        text += (text.empty() ? "" : " ") + Exact(element);
+    return text;
 }
 
 bool HasLight(std::size_t firstEntry)
@@ -414,7 +423,8 @@ void COpticsDemo::WatchedRotation()
     m_run.Heading("A device that watches the camera's rotation instead of correcting for it alone");
     const std::string rig = RigThatWatchesRotation(m_run.Rig(), m_device.Name());
     // Among the demo's own there are some that know of no rotation, and would be taken.
-    const std::string settings = m_run.Options().settingsFolder + "/rotation";
+    std::string error;
+    const std::string settings = TemporaryPath("rotation-settings", error);
     const SChildOutcome calibrated = RunChild({"calibrate", "--grid", "5x4", "--save"}, rig, settings);
     m_promises.Check(calibrated.exitCode == eExitDone, "it is calibrated with the camera upright",
                      calibrated.exitCode == eExitDone ? "saved" : calibrated.err);
@@ -460,9 +470,12 @@ void COpticsDemo::Singular()
                          said ? "it does" : "it does not");
         SView view;
         std::string error;
-        m_device.View(view, error);
-        m_promises.Check(!m_device.ChipFromImage(view, nullptr), std::string(input.title) + ": it maps nothing",
-                         "no matrix is given out");
+        const bool viewed = m_device.View(view, error);
+        const std::optional<CMatrix3> matrix = m_device.ChipFromImage(view, nullptr);
+        m_promises.Check(viewed && !matrix, std::string(input.title) + ": it maps nothing",
+                         !viewed  ? error
+                         : matrix ? "a matrix is given out: " + ElementsText(*matrix)
+                                  : "no matrix is given out");
         CheckRefused(input.title, false);
     }
     m_device.FollowHardware();
@@ -496,6 +509,27 @@ void COpticsDemo::Run()
 }
 
 } // namespace
+
+bool MayDemonstrateOptics(CSession& session, const SOptions& options, std::string& error)
+{
+    namespace fs = std::filesystem;
+    CCalibratedDevice device;
+    if (!CCalibratedDevice::Find(*session.Manager(), {}, device, error))
+        return true; // the demo's first promise
+    const std::string file = CalibrationFile(device);
+    std::error_code failure;
+    const fs::path folder = fs::weakly_canonical(fs::u8path(options.settingsFolder), failure);
+    const fs::path inside = fs::weakly_canonical(fs::u8path(file), failure).lexically_relative(folder);
+    std::vector<SSavedCalibration> saved;
+    if (failure || inside.empty() || *inside.begin() == "..")
+        error = file +
+                ": the demo saves and clears calibrations, expected a \"calibrationFile\" of the rig in the folder "
+                "of settings, found one beside it";
+    else if (ReadSavedCalibrations(device, saved, error) && !saved.empty())
+        error = file + ": the demo saves and clears calibrations, expected none of " + device.Name() +
+                " in it, found " + std::to_string(saved.size());
+    return error.empty();
+}
 
 void DemonstrateOptics(CDemoRun& run)
 {

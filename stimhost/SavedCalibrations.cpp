@@ -3,7 +3,7 @@
 #include "host/QsDMApi.h"
 #include "stimhost/Text.h"
 
-#include <charconv>
+#include <filesystem>
 #include <functional>
 
 namespace Stimhost {
@@ -36,14 +36,6 @@ CQsStringW WithoutNone(const CQsStringW& text)
     return text == QS_GetTranslation(L"<none>", __FILE__) ? CQsStringW() : text;
 }
 
-int PositionOf(const CQsStringW& text)
-{
-    const std::string digits = ToUtf8(text);
-    int position = 0;
-    std::from_chars(digits.data(), digits.data() + digits.size(), position);
-    return position;
-}
-
 // What a key brings back of the hardware that it was saved for. Microscope, lights and multilasers stay in it as text.
 CConfiguration SnapshotOf(const SQsConfigItem& item)
 {
@@ -53,7 +45,7 @@ CConfiguration SnapshotOf(const SQsConfigItem& item)
     if (QS_StringToDouble(item.sRotation.c_str(), number))
         snapshot.SetCameraRotation(number);
     for (const SQsConfigItem::SFilterChanger& filter : item.vecFilterChangers)
-        snapshot.AddFilterChanger(filter.sKey, filter.sName, PositionOf(filter.sPosition));
+        snapshot.AddFilterChanger(filter.sKey, filter.sName, QS_wtoi(filter.sPosition.c_str()));
     if (QS_StringToDouble(item.sZoom.c_str(), number))
         snapshot.AddManualZoom(number);
     snapshot.AddObjective(WithoutNone(item.sObjective));
@@ -212,6 +204,47 @@ std::vector<std::string> WhyNot(const CCalibratedDevice& device, const SSavedCal
         }
     }
     return reasons;
+}
+
+std::string FaultOfSaved(const CCalibratedDevice& device)
+{
+    std::vector<SSavedCalibration> ignored;
+    std::string error;
+    ReadSavedCalibrations(device, ignored, error);
+    return error;
+}
+
+std::vector<std::string> ReadsBackOtherwise(const CCalibratedDevice& device)
+{
+    SQsConfigItem item;
+    device.Calibration().ParseConfig(device.Calibration().GetConfigurationStringCurrent(), item);
+    const CConfiguration now = device.HardwareOfNow();
+    const Watched watched = WatchedBy(device);
+    std::vector<std::string> parts;
+    if (watched.count(eWatchedObjective) != 0) // which also brings the camera into the key
+    {
+        if (WithoutNone(item.sObjective) != WithoutNone(DMApi::Hardware_Get().sObjective))
+            parts.emplace_back("objective");
+        if (WithoutNone(item.sCamera) != WithoutNone(now.GetCamera()))
+            parts.emplace_back("camera");
+    }
+    if (watched.count(eWatchedFilterChangers) != 0 &&
+        CompareParts(now, SnapshotOf(item), {eWatchedFilterChangers}) != eCalibrationStateIdentical)
+        parts.emplace_back("filters");
+    return parts;
+}
+
+std::set<std::string> KeptAside(const CCalibratedDevice& device)
+{
+    namespace fs = std::filesystem;
+    std::error_code failure;
+    const fs::path file = fs::weakly_canonical(fs::u8path(CalibrationFile(device)), failure); // links are followed
+    const std::string begin = file.filename().u8string() + ".damaged";
+    std::set<std::string> kept;
+    for (fs::directory_iterator i(file.parent_path(), failure), end; !failure && i != end; i.increment(failure))
+        if (i->path().filename().u8string().compare(0, begin.size(), begin) == 0)
+            kept.insert(i->path().u8string());
+    return kept;
 }
 
 std::string CalibrationFile(const CCalibratedDevice& device)

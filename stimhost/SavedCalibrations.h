@@ -3,6 +3,7 @@
 
 #include "stimhost/CalibratedDevice.h"
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,16 @@ struct SSavedCalibration
 // All saved ones in the order of the file; none when there is no file. False, with one line, when the file cannot be
 // read.
 bool ReadSavedCalibrations(const CCalibratedDevice& device, std::vector<SSavedCalibration>& saved, std::string& error);
+
+// The line of ReadSavedCalibrations; empty when the file can be read, or there is none.
+std::string FaultOfSaved(const CCalibratedDevice& device);
+
+// Parts of the hardware of now that its key reads back as others: a name in it holds one of the key's marks. Under such
+// a key a calibration is found, and never fits.
+std::vector<std::string> ReadsBackOtherwise(const CCalibratedDevice& device);
+
+// Files beside the settings file that saves have kept because they were damaged.
+std::set<std::string> KeptAside(const CCalibratedDevice& device);
 
 // Parts of the hardware that keep a saved calibration from fitting the hardware of now, in words; empty when it fits.
 // Each watched part is compared by itself, on copies of the snapshots.

@@ -1,6 +1,7 @@
 #include "platform/AtomicFile.h"
 
 #include "platform/posix/Control.h"
+#include "platform/posix/FilePaths.h"
 
 #include <algorithm>
 #include <atomic>
@@ -50,26 +51,6 @@ public:
 private:
     int m_descriptor;
 };
-
-// The file that a path leads to over symbolic links; it need not be there.
-fs::path BehindLinks(fs::path path)
-{
-    constexpr int mostLinks = 40; // as the system's own limit
-    std::error_code error;
-    for (int i = 0; i < mostLinks && fs::is_symlink(path, error); ++i)
-    {
-        const fs::path target = fs::read_symlink(path, error);
-        if (error)
-            break;
-        path = path.parent_path() / target; // an absolute one replaces the whole
-    }
-    return path;
-}
-
-fs::path FolderOf(const fs::path& file)
-{
-    return file.has_parent_path() ? file.parent_path() : fs::path(".");
-}
 
 // Temporary files are named .<name>.<process>-<number>.tmp. Its writer holds a lock on it for as long as it lives,
 // which tells what a killed process left from what another one is writing.

@@ -316,7 +316,8 @@ TEST_F(CalibrationCopy, HasEveryMember)
     // Of their own from then on.
     copy.SetCalibrationCamToDMD(Identity());
     EXPECT_EQ(CamToDMD(), CalibrationC2D(m_calibration));
-    assigned = assigned;
+    const Calibration& itself = assigned;
+    assigned = itself;
     EXPECT_EQ(CamToDMD(), CalibrationC2D(assigned));
 }
 

@@ -2,6 +2,8 @@
 #include "tests/calibration/CalibrationTest.h"
 #include "tests/calibration/Translations.h"
 
+#include <filesystem>
+
 using namespace QsTest;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -97,6 +99,10 @@ TEST_F(Choice, AgreesWithEveryReferenceValue)
         else
         {
             EXPECT_FALSE(bChanged) << id;
+            if (output.HasMember("stateAfter"))
+            {
+                EXPECT_EQ(Member(output, "stateAfter").GetInt(), calibration.GetCurrentCalibrationState()) << id;
+            }
             EXPECT_FALSE(IsCalibratedValid(calibration)) << id; // as it was
             EXPECT_EQ(best == eCalibrationStateInvalid ? before : Identity(), CalibrationC2D(calibration)) << id;
         }
@@ -347,6 +353,29 @@ TEST_F(Choice, ChangedIsTrueFirstAndFalseOnARepeat)
 }
 
 // The name of the last one that was adopted stays while nothing fits.
+// Another program clears the file after the choice: what was chosen cannot be read any more, and its hardware is not
+// taken for the one that the matrices of now belong to.
+TEST_F(Choice, OfACalibrationThatIsGoneWhenItIsLoadedAdoptsNothing)
+{
+    Saved({L"#F#OObj#R90.000000#L#Mi#M#CCam"});
+    FillCurrent(m_calibration, Plain());
+    m_calibration.SetCalibrationCamToDMD({3, 0, 0, 0, 3, 0, 0, 0, 1});
+    int asked = 0;
+    m_owner.onCall = [&](const std::string& operation)
+    {
+        if (operation == "GetCalibrationFileName" && ++asked == 2)
+            std::filesystem::remove(File());
+    };
+    bool bChanged = true; // kept: nothing is adopted
+    EXPECT_EQ(-13, m_calibration.LoadCalibration(bChanged));
+    m_owner.onCall = nullptr;
+    EXPECT_EQ(2, asked);
+    EXPECT_TRUE(bChanged);
+    EXPECT_EQ(Identity(), CalibrationC2D(m_calibration));
+    EXPECT_FALSE(IsCalibratedValid(m_calibration));
+    EXPECT_EQ(eCalibrationStateInvalid, m_calibration.GetCurrentCalibrationState());
+}
+
 TEST_F(Choice, TheSameCalibrationAfterAClearIsNoOther)
 {
     FillCurrent(m_calibration, Plain());

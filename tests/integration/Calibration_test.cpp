@@ -164,7 +164,66 @@ TEST_F(Calibration, WhyNamesThePartsThatDiffer)
     EXPECT_EQ("Changed; objective: saved with \"Plan 20x\", now \"Plan 40x\"", reasons({"--objective", "Plan 40x"}));
     EXPECT_EQ("Changed; zoom: saved with 1.00x, now 2.00x", reasons({"--zoom", "2"}));
     EXPECT_EQ("Changed; filters: saved with FW1=GFP:2, now FW1=RFP:3", reasons({"--filter", "FW1=RFP:3"}));
+    EXPECT_EQ("Changed; filters: saved with FW1=GFP:2, now FW1=GFP:2, FW2=ND:1", reasons({"--filter", "FW2=ND:1"}));
     EXPECT_EQ("Identical", reasons({"--camera-rotation", "90", "--camera-flip"})); // it is corrected for
+}
+
+TEST_F(Calibration, WhyReadsPositionsAsTheCalibrationDoes)
+{
+    ASSERT_EQ(0, Calibrated().exitCode);
+    const std::string saved = ReadWhole(SavedFile());
+    // By hand in another spelling of the same number; an altered file goes without its end sum.
+    for (const std::string position : {"$P 2", "$P+2"})
+    {
+        std::string altered = saved.substr(0, saved.rfind(",\n  \"sum\"")) + "\n}\n";
+        const std::size_t at = altered.find("$P2#");
+        ASSERT_NE(std::string::npos, at);
+        File("settings/calibrations.json", altered.replace(at, 3, position));
+        const SOutcome outcome = Run({"calibration", "why", "--json"});
+        ASSERT_EQ(0, outcome.exitCode) << outcome.err;
+        const rapidjson::Document why = ParsedJson(outcome.out);
+        EXPECT_STREQ("Identical", why["stateName"].GetString()) << position;
+        ASSERT_EQ(1u, why["calibrations"].Size()) << position;
+        EXPECT_FALSE(why["calibrations"][0]["sameText"].GetBool()) << position;
+        EXPECT_STREQ("Identical", why["calibrations"][0]["stateName"].GetString()) << position;
+        EXPECT_EQ(0u, why["calibrations"][0]["reasons"].Size()) << position;
+    }
+}
+
+TEST_F(Calibration, ThatCouldNeverBeFoundAgainIsNotMeasuredToBeSaved)
+{
+    const std::string rig = OpticsRig("{}", R"("watches": [])");
+    const SOutcome outcome = Run({"calibrate", "--save", "--grid", "4x3", "--json"}, rig);
+    ExpectOneLine(outcome, 1, "expected a part of the hardware that Mirrors watches to save it for, found none");
+    EXPECT_EQ(0, ParsedJson(outcome.out)["projected"].GetInt());
+    EXPECT_FALSE(ParsedJson(outcome.out)["saved"].GetBool());
+    EXPECT_FALSE(IsSaved());
+    const SOutcome unsaved = Run({"calibrate", "--grid", "4x3"}, rig);
+    EXPECT_EQ(0, unsaved.exitCode) << unsaved.err;
+    EXPECT_EQ("", unsaved.err);
+}
+
+TEST_F(Calibration, WhoseTextReadsBackAsAnotherHardwareIsWarnedOf)
+{
+    const auto warning = [](const std::string& parts)
+    { return "saved, but its text reads back as of another " + parts + ", so it will not fit: expected names"; };
+    ExpectOneLine(Calibrated({"--objective", "Plan #1"}), 0, warning("objective"));
+    ExpectOneLine(Calibrated({"--filter", "FW1=A$PB:2"}), 0, warning("filters"));
+    ExpectOneLine(Calibrated({"--objective", "Plan #Cx", "--filter", "FW#1=A:2"}), 0, warning("objective, filters"));
+    // Of two tokens of one kind the last counts: the camera's own one stands behind, and comes back.
+    ExpectOneLine(Calibrated({"--objective", "#CX"}), 0, warning("objective"));
+    EXPECT_EQ(4u, SavedCount());
+    EXPECT_EQ("", Calibrated({"--objective", "Plan $1"}).err); // which is read whole there
+    EXPECT_EQ("", Calibrated({"--objective", ""}).err);
+}
+
+TEST_F(Calibration, OfACameraWhoseNameHoldsAMarkIsWarnedOf)
+{
+    const std::string rig = File("rig.json", R"({ "format": "stimulation-rig", "version": 1, "name": "Small",
+        "cameras": [ { "class": "CQsSimCamera", "name": "Eye #2" } ],
+        "devices": [ { "class": "CQsSimMicromirrorDevice", "list": "simple", "name": "Mirrors",
+                       "settings": { "camera": "Eye #2" } } ] })");
+    ExpectOneLine(Run({"calibrate", "--save", "--grid", "4x3"}, rig), 0, "reads back as of another camera");
 }
 
 TEST_F(Calibration, ClearingNeedsToBeMeant)
@@ -184,8 +243,15 @@ TEST_F(Calibration, AFileThatIsNoSettingsFileIsReportedAndKept)
     const std::string torn = "{ \"format\": \"stimulation-set";
     File("settings/calibrations.json", torn);
     ExpectOneLine(Run({"calibration", "list"}), 2, "settings/calibrations.json: expected a settings file");
+    for (const char* command : {"show", "find", "why", "clear"})
+        ExpectOneLine(Run({"calibration", command}), 2, "settings/calibrations.json: expected a settings file");
+    ExpectOneLine(Run({"map", "point", "1,2"}), 2, "settings/calibrations.json: expected a settings file");
+    ExpectOneLine(Run({"stimulate", "--roi", s_region}), 1, "settings/calibrations.json: expected a settings file");
     EXPECT_EQ(torn, ReadWhole(SavedFile()));
-    EXPECT_EQ(0, Calibrated().exitCode);
+    ExpectOneLine(Calibrated(), 0, "kept as " + SavedFile() + ".damaged");
     EXPECT_EQ(1u, SavedCount());
     EXPECT_EQ(torn, ReadWhole(SavedFile() + ".damaged"));
+    EXPECT_EQ("", Calibrated().err); // what was kept earlier is no news
+    File("settings/calibrations.json", torn);
+    ExpectOneLine(Calibrated(), 0, "kept as " + SavedFile() + ".damaged2");
 }

@@ -2,6 +2,7 @@
 #include "tests/integration/Stimhost.h"
 
 #include <QDir>
+#include <QFile>
 #include <QXmlStreamReader>
 
 #include <gmock/gmock.h>
@@ -121,6 +122,49 @@ TEST_F(Demo, KeepsEveryPromiseOfTheCalibration)
     EXPECT_GE(landings[4], 14);
     EXPECT_TRUE(QDir(QString::fromStdString(Path("results"))).exists("calibration-1.svg"));
     EXPECT_TRUE(QDir(QString::fromStdString(Path("results"))).exists("region-2.svg"));
+}
+
+TEST_F(Demo, DoesNotTouchCalibrationsThatAreNotItsOwn)
+{
+    const std::string optics = QS_SOURCE "/examples/rigs/optics.json";
+    const std::string settings = Path("settings");
+    ASSERT_EQ(0, Stimhost({"calibrate", "--save", "--grid", "4x3", "--rig", optics, "--settings", settings}).exitCode);
+    const std::string file = Path("settings/calibrations.json");
+    const std::string saved = ReadWhole(file);
+    ASSERT_NE("", saved);
+    const auto expectRefused =
+        [this](const std::string& rig, const std::string& folder, const std::string& named, const std::string& why)
+    {
+        std::vector<std::string> arguments = {"demo", "--rig", rig, "--out", Path("results")};
+        if (!folder.empty())
+            arguments.insert(arguments.end(), {"--settings", folder});
+        const SOutcome outcome = Stimhost(arguments);
+        EXPECT_EQ(2, outcome.exitCode) << outcome.out;
+        EXPECT_EQ(1u, LineCount(outcome.err)) << outcome.err;
+        EXPECT_THAT(outcome.err, HasSubstr(named));
+        EXPECT_THAT(outcome.err, HasSubstr(why));
+        EXPECT_EQ("", outcome.out);
+    };
+    expectRefused(optics, settings, file, "expected none of CQsSimMicromirrorDevice in it, found 1");
+    EXPECT_EQ(saved, ReadWhole(file));
+
+    // A rig that names the user's file, or one beside whatever folder it is given, though nothing is there yet.
+    for (const std::string& name : {file, Path("elsewhere.json"), std::string("../beside.json")})
+    {
+        const std::string rig = File("rig.json", R"({ "format": "stimulation-rig", "version": 1, "name": "Own",
+            "cameras": [ { "class": "CQsSimCamera", "name": "Eye" } ],
+            "devices": [ { "class": "CQsSimMicromirrorDevice", "list": "simple", "name": "Mirrors",
+                           "settings": { "camera": "Eye", "calibrationFile": ")" +
+                                                     name + R"(" } } ] })");
+        expectRefused(rig, "", name.substr(name.rfind('/')), "in the folder of settings, found one beside it");
+    }
+    EXPECT_EQ(saved, ReadWhole(file));
+    EXPECT_FALSE(QFile::exists(QString::fromStdString(Path("elsewhere.json"))));
+
+    // A damaged one, which a save would put aside.
+    File("settings/calibrations.json", "torn");
+    expectRefused(optics, settings, file, "expected a settings file");
+    EXPECT_EQ("torn", ReadWhole(file));
 }
 
 TEST_F(Demo, LeavesADatabaseThatItIsGivenAsItWas)

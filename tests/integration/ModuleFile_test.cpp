@@ -40,9 +40,10 @@ std::set<std::string> DefinedSymbols()
 
 TEST(ModuleFile, ExportsItsClassesAndNothingElse)
 {
-    const std::string classes = "(CQsStimulationDeviceManager|CQsStimulationDeviceAggregator|CQsStimulationDeviceProxy|"
-                                "CQsMultilaserStimulationDevice|CQsStimulationDeviceConfiguration|CQsConfigurationAutoLock|"
-                                "CQsStimulationDeviceCalibration|SQsConfigItem|IQsStimulationDevice)";
+    const std::string classes =
+        "(CQsStimulationDeviceManager|CQsStimulationDeviceAggregator|CQsStimulationDeviceProxy|"
+        "CQsMultilaserStimulationDevice|CQsStimulationDeviceConfiguration|CQsConfigurationAutoLock|"
+        "CQsStimulationDeviceCalibration|SQsConfigItem|IQsStimulationDevice)";
     const std::string hostTypes = "(IQsInterface|CQsClass|CQsStringW|CQsStringA|IQsStimulationDeviceEx)";
     const std::vector<std::regex> allowed = {
         std::regex("(typeinfo for |typeinfo name for |vtable for |VTT for |construction vtable for |"

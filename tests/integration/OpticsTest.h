@@ -33,15 +33,16 @@ protected:
     bool IsSaved() const { return QFile::exists(QString::fromStdString(SavedFile())); }
     unsigned SavedCount() { return ParsedJson(Run({"calibration", "list", "--json"}).out)["calibrations"].Size(); }
 
-    // A rig of one micromirror device and a camera with these settings.
-    std::string OpticsRig(const std::string& camera) const
+    // A rig of one micromirror device, with further settings where they are given, and a camera with these settings.
+    std::string OpticsRig(const std::string& camera, const std::string& device = {}) const
     {
         return File("rig.json", R"({ "format": "stimulation-rig", "version": 1, "name": "Small",
             "microscope": { "objective": "Plan 20x" },
             "cameras": [ { "class": "CQsSimCamera", "name": "Eye", "settings": )" +
                                     camera + R"( } ],
             "devices": [ { "class": "CQsSimMicromirrorDevice", "list": "simple", "name": "Mirrors",
-                           "settings": { "camera": "Eye" } } ] })");
+                           "settings": { "camera": "Eye")" +
+                                    (device.empty() ? "" : ", " + device) + " } } ] }");
     }
 };
 

@@ -129,6 +129,103 @@ TEST_F(Regions, MapCountsTheMirrorsOfARegionFromAFile)
     EXPECT_NEAR(18950.0 / mirror, json["mirrors"].GetDouble(), 0.01 * 18950.0 / mirror);
 }
 
+TEST_F(Regions, MapShowsWhereAScanAreaAndItsCropLie)
+{
+    const SOutcome outcome = Run({"map", "rect", "-1,-1,1,1", "--from", "area", "--to", "image", "--json",
+                                  "--scan-area", "zoom=2,x=0.5,angle=30,crop-zoom=2"});
+    ASSERT_EQ(0, outcome.exitCode) << outcome.err;
+    const rapidjson::Document json = ParsedJson(outcome.out);
+    // By hand, of 640 x 480: half the field's width, as high as wide since the field is square, its centre a quarter of
+    // the width beside that of the image; the crop is half of it.
+    const double area[] = {320.0, 80.0, 640.0, 400.0};
+    const double crop[] = {400.0, 160.0, 560.0, 320.0};
+    for (rapidjson::SizeType i = 0; i < 4; ++i)
+    {
+        EXPECT_NEAR(area[i], json["scanAreaRect"]["bounds"][i].GetDouble(), 1e-9) << i;
+        EXPECT_NEAR(crop[i], json["cropRect"]["bounds"][i].GetDouble(), 1e-9) << i;
+    }
+    EXPECT_NEAR(30.0, json["scanAreaRect"]["angle"].GetDouble(), 1e-9);
+    EXPECT_NEAR(30.0, json["cropRect"]["angle"].GetDouble(), 1e-9);
+
+    const SOutcome text =
+        Run({"map", "rect", "-1,-1,1,1", "--from", "area", "--to", "image", "--scan-area", "zoom=2,x=0.5"});
+    EXPECT_THAT(text.out, testing::HasSubstr("scan area 320.000000,80.000000,640.000000,400.000000 turned by"));
+    EXPECT_THAT(text.out, testing::Not(testing::HasSubstr("crop")));
+}
+
+TEST_F(Regions, MapNamesTheCropThatARectangleStandsFor)
+{
+    const SOutcome outcome =
+        Run({"map", "rect", "160,120,480,360", "--to", "area", "--json", "--scan-area", "crop-zoom=2"});
+    ASSERT_EQ(0, outcome.exitCode) << outcome.err;
+    const rapidjson::Document json = ParsedJson(outcome.out);
+    // Half of the image's width, which is half of the field's.
+    EXPECT_NEAR(4.0, json["cropArea"]["zoom"].GetDouble(), 1e-12);
+    EXPECT_NEAR(4.0 / 3.0, json["cropArea"]["aspect"].GetDouble(), 1e-12);
+    EXPECT_NEAR(0.0, json["cropArea"]["x"].GetDouble(), 1e-12);
+    EXPECT_NEAR(0.0, json["cropArea"]["y"].GetDouble(), 1e-12);
+    const SOutcome whole = Run({"map", "rect", "160,120,480,360", "--to", "area", "--json"});
+    EXPECT_FALSE(ParsedJson(whole.out).HasMember("cropArea"));
+}
+
+TEST_F(Regions, MapPrintsNothingThatIsNoNumber)
+{
+    // Zooms so small that what is divided by them is infinite.
+    const std::vector<std::vector<std::string>> places = {
+        {"point", "1,2", "--to", "area", "--scan-area", "zoom=1e-310"},
+        {"rect", "1,2,3,4", "--to", "area", "--scan-area", "zoom=1e-310"},
+        {"rect", "1,2,3,4", "--to", "area", "--scan-area", "crop-aspect=1e308,crop-zoom=1e308"},
+        {"rect", "1,2,3,4", "--from", "area", "--to", "image", "--scan-area", "zoom=1e-310"},
+        {"rect", "1,2,3,4", "--from", "area", "--to", "image", "--scan-area", "crop-zoom=1e-310"},
+        {"roi", "ellipse 100,100,20,10", "--to", "area", "--scan-area", "zoom=1e-310"}};
+    for (std::vector<std::string> arguments : places)
+    {
+        const std::string shown = testing::PrintToString(arguments);
+        arguments.insert(arguments.begin(), "map");
+        const SOutcome outcome = Run(arguments);
+        ExpectOneLine(outcome, 1, "expected");
+        EXPECT_EQ("", outcome.out) << shown;
+    }
+}
+
+TEST_F(Regions, AScanAreaThatCannotBeMappedToTheChipIsNamed)
+{
+    ASSERT_EQ(0, Calibrated().exitCode);
+    const SOutcome outcome = Run({"map", "point", "1,2", "--scan-area", "zoom=2e6"});
+    ExpectOneLine(outcome, 2, "--scan-area: expected one that can be mapped to the chip of");
+    EXPECT_THAT(outcome.err, testing::HasSubstr("zoom=2e6"));
+    EXPECT_EQ("", outcome.out);
+}
+
+TEST_F(Regions, MapCountsNoMirrorsOfARegionBesideTheChip)
+{
+    // A tenth of a camera pixel for each mirror, from the left top corner: the chip covers 102 x 77 pixels.
+    const std::string rig = OpticsRig(R"({ "optics": { "scale": 0.1, "dx": 0, "dy": 0 } })");
+    ASSERT_EQ(0, Run({"calibrate", "--save", "--grid", "5x4"}, rig).exitCode);
+    const SOutcome outcome = Run({"map", "roi", "ellipse 400,300,20,10", "--json"}, rig);
+    ASSERT_EQ(0, outcome.exitCode) << outcome.err;
+    const rapidjson::Document json = ParsedJson(outcome.out);
+    EXPECT_EQ(0, json["mirrors"].GetInt());
+    EXPECT_FALSE(json["points"][0]["onChip"].GetBool());
+}
+
+TEST_F(Regions, ListSaysWhichCameraIsAConfocalScanner)
+{
+    const std::string rig = File("cameras.json", R"({ "format": "stimulation-rig", "version": 1, "name": "Two",
+        "cameras": [ { "class": "CQsSimCamera", "name": "Eye" },
+                     { "class": "CQsSimConfocalCamera", "name": "Scanner" } ], "devices": [] })");
+    const SOutcome outcome = Run({"list", "--json"}, rig);
+    ASSERT_EQ(0, outcome.exitCode) << outcome.err;
+    const rapidjson::Document json = ParsedJson(outcome.out);
+    ASSERT_EQ(2u, json["cameras"].Size());
+    EXPECT_STREQ("Eye", json["cameras"][0]["name"].GetString());
+    EXPECT_FALSE(json["cameras"][0]["confocal"].GetBool());
+    EXPECT_STREQ("Scanner", json["cameras"][1]["name"].GetString());
+    EXPECT_TRUE(json["cameras"][1]["confocal"].GetBool());
+    EXPECT_THAT(Run({"list"}, rig).out, testing::ContainsRegex("Scanner +confocal scanner"));
+    EXPECT_EQ(0u, ParsedJson(Run({"list", "--json"}, ShutterRig()).out)["cameras"].Size());
+}
+
 TEST_F(Regions, MapRefusesBadInputWithOneLine)
 {
     ExpectOneLine(Run({"map", "point", "1;2"}), 2, "expected a point as X,Y");
