@@ -1,5 +1,5 @@
-#include "core_TemporaryFolder.h"
 #include "host/QsSystem.h"
+#include "tests/support/DecimalComma.h"
 
 #include <gmock/gmock.h>
 
@@ -19,43 +19,6 @@ std::string Narrow(const CQsStringW& text)
 {
     return text.ToUtf8();
 }
-
-// A locale whose numbers have a decimal comma, made here because a bare system has none: the C library's file of the
-// numeric category with its two texts, its grouping, the same two as wide characters and the name of the code set.
-class CDecimalComma
-{
-public:
-    CDecimalComma()
-    {
-        std::string file = Numbers({0x20031114, 6, 32, 34, 36, 40, 44, 48});
-        file += std::string(",\0.\0\3\3\0\0", 8) + Numbers({',', '.'}) + std::string("ANSI_X3.4-1968\0", 15);
-        std::filesystem::create_directory(m_folder.File("comma"));
-        m_folder.Write("comma/LC_NUMERIC", file);
-        setenv("LOCPATH", m_folder.Path().c_str(), 1);
-        m_set = std::setlocale(LC_NUMERIC, "comma") != nullptr;
-    }
-    ~CDecimalComma() { std::setlocale(LC_NUMERIC, "C"); }
-
-    bool IsSet() const
-    {
-        char text[16] = {};
-        std::snprintf(text, sizeof text, "%.2f", 1.5);
-        return m_set && std::string(text) == "1,50";
-    }
-
-private:
-    static std::string Numbers(std::initializer_list<std::uint32_t> numbers)
-    {
-        std::string bytes;
-        for (const std::uint32_t number : numbers)
-            for (unsigned shift = 0; shift < 32; shift += 8)
-                bytes += static_cast<char>(number >> shift & 0xFF);
-        return bytes;
-    }
-
-    CTemporaryFolder m_folder;
-    bool m_set = false;
-};
 
 } // namespace
 
@@ -220,7 +183,7 @@ TEST(Format, AgreesWithTheCLibraryOnNumbers)
 
 TEST(Numbers, DoNotFollowTheLocale)
 {
-    const CDecimalComma locale;
+    const QsTest::CDecimalComma locale;
     ASSERT_TRUE(locale.IsSet()); // the C library writes a comma now
     EXPECT_EQ(CQsStringW::Format(L"%.2f %g %e %d", 1.5, 0.25, 1.0, 1234567),
               CQsStringW(L"1.50 0.25 1.000000e+00 1234567"));
