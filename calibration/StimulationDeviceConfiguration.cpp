@@ -253,19 +253,25 @@ CQsStringW CQsStimulationDeviceConfiguration::GetConfigurationString()
     // The host's word for "nothing chosen" would make the text depend on the user's language.
     const CQsStringW none = QS_GetTranslation(L"<none>", __FILE__);
     const CQsStringW empty;
-    const auto name = [&](const CQsStringW& text) -> const CQsStringW& { return text == none ? empty : text; };
     CQsStringW s;
+    // Piece by piece: one formatted print for each entry would make most of the time.
+    const auto append = [&](const wchar_t* mark, const CQsStringW& name)
+    {
+        s += mark;
+        s += (name == none ? empty : name).c_str(); // a zero ends a name, as it does in a formatted print
+    };
     if (IsWatched(eWatchedFilterChangers))
     {
         s += L"#F";
         for (const SFilterChanger& changer : m_FilterChangers)
         {
-            s += CQsStringW::Format(L"$K%s$N%s$P%d", name(changer.sKey).c_str(), name(changer.sName).c_str(),
-                                    changer.iPosition);
+            append(L"$K", changer.sKey);
+            append(L"$N", changer.sName);
+            s += CQsStringW::Format(L"$P%d", changer.iPosition);
         }
     }
     if (IsWatched(eWatchedObjective))
-        s += CQsStringW::Format(L"#O%s", name(m_sObjective).c_str());
+        append(L"#O", m_sObjective);
     if (IsWatched(eWatchedCameraRotation))
         s += CQsStringW::Format(L"#R%f", m_dCameraRotation);
     if (m_bORBAConnected)
@@ -274,21 +280,24 @@ CQsStringW CQsStimulationDeviceConfiguration::GetConfigurationString()
     {
         s += L"#L";
         for (const CQsStringW& light : m_Lights)
-            s += CQsStringW::Format(L"K%s", name(light).c_str());
+            append(L"K", light);
     }
     if (IsWatched(eWatchedMicroscope))
-        s += CQsStringW::Format(L"#Mi%s", name(m_sMicroscope).c_str());
+        append(L"#Mi", m_sMicroscope);
     if (IsWatched(eWatchedLights))
     {
         s += L"#M";
         for (const SMultilaser& multilaser : m_Multilasers)
-            s += CQsStringW::Format(L"K%sM%d", name(multilaser.sName).c_str(), multilaser.uiNumber);
+        {
+            append(L"K", multilaser.sName);
+            s += CQsStringW::Format(L"M%d", multilaser.uiNumber);
+        }
     }
     if (IsWatched(eWatchedManualZoom) && m_dManualZoom > 0.0)
         s += CQsStringW::Format(L"#Z%f", m_dManualZoom);
     // With the objective's flag: keys of cameras that are not watched name their camera all the same, since a
     // calibration is looked up by it.
     if (IsWatched(eWatchedObjective))
-        s += CQsStringW::Format(L"#C%s", name(m_sCamera).c_str());
+        append(L"#C", m_sCamera);
     return s;
 }
