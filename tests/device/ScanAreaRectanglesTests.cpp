@@ -599,15 +599,9 @@ TEST(ScanAreaRectangles, ADivisionByZeroGivesNoFiniteRectangleAndNoError)
 
 TEST(ScanAreaRectangles, AreConvertedWithoutATrapWhateverTheNumbers)
 {
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    const double infinity = std::numeric_limits<double>::infinity();
-    for (const double value : {0.0, nan, infinity, -infinity, 1e308, -1e308, 5e-324})
-        for (const int size : {0, 1, -1, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()})
+    ForEachExtremeArea(
+        [](const Area& A, double value, int size)
         {
-            Area A;
-            A.dZoom = A.dAngle = A.dXOffset = A.dScanAreaAspect = value;
-            A.bIsCrop = true;
-            A.dCropZoom = A.dCropAspect = A.dCropXOffset = value;
             EXPECT_NE(s_unwritten, RectOf(A, A, {size, size}, value).rect.left);
             EXPECT_NE(s_unwritten, CropRectOf(A, A, {size, size}, value).rect.left);
             EXPECT_NE(s_unwritten, AreaOfRect({value, value, value, value}, value, A, {size, size}, value).dZoom);
@@ -615,5 +609,5 @@ TEST(ScanAreaRectangles, AreConvertedWithoutATrapWhateverTheNumbers)
             EXPECT_EQ(0, AreaHelper::ConvertRectToCropArea(&crop, {value, value, value, value}, value, &A, {size, size},
                                                            value, s_aspect));
             EXPECT_TRUE(crop.bIsCrop);
-        }
+        });
 }

@@ -6,6 +6,7 @@
 #include "tests/support/Vectors.h"
 
 #include <cstdint>
+#include <limits>
 #include <random>
 #include <string>
 #include <utility>
@@ -63,6 +64,24 @@ public:
 private:
     std::mt19937_64 m_engine;
 };
+
+// Calls `visit(area, value, size)` with areas whose numbers, the crop's too, are all one that no scanner has (0, NaN,
+// the infinities, the ends of what a double holds), each beside sizes of 0, 1, -1 and the ends of an int.
+template <class Visit>
+void ForEachExtremeArea(Visit visit)
+{
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double infinity = std::numeric_limits<double>::infinity();
+    for (const double value : {0.0, nan, infinity, -infinity, 1e308, -1e308, 5e-324})
+        for (const int size : {0, 1, -1, std::numeric_limits<int>::max(), std::numeric_limits<int>::min()})
+        {
+            Area area;
+            area.dZoom = area.dAngle = area.dXOffset = area.dScanAreaAspect = value;
+            area.bIsCrop = true;
+            area.dCropZoom = area.dCropAspect = area.dCropXOffset = value;
+            visit(area, value, size);
+        }
+}
 
 // The numbers of a case, for the message of a failure.
 std::string Describe(const Area& area);
