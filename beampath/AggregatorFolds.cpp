@@ -2,6 +2,8 @@
 #include "beampath/AggregatorTable.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <memory>
 
 namespace {
 

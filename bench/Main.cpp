@@ -6,7 +6,7 @@
 // could not be written; 2 for an option that does not exist.
 #include "bench/Paired.h"
 #include "manager/StimulationManager.h"
-#include "platform/posix/Control.h"
+#include "platform/RegistryControl.h"
 #include "standalone/DiagnosticLog.h"
 
 #include <rapidjson/ostreamwrapper.h>
@@ -112,7 +112,7 @@ public:
         if (mkdtemp(name.data()) == nullptr)
             return;
         m_folder = name;
-        QsPlatform::SetRegistryFolders((m_folder / "user").string(), (m_folder / "machine").string());
+        QsPlatform::UseOwnRegistry(m_folder.string());
     }
     ~CTemporaryRegistry()
     {

@@ -1,7 +1,7 @@
 # A CBLAS library: target CBLAS::CBLAS. OpenBLAS where it is there, without threads of its own if there is a choice: the
 # products are of 3x3 matrices, and a host application has no use for another library's threads.
 find_path(CBLAS_INCLUDE_DIR cblas.h PATH_SUFFIXES openblas-serial openblas)
-find_library(CBLAS_LIBRARY NAMES openblas cblas PATH_SUFFIXES openblas-serial)
+find_library(CBLAS_LIBRARY NAMES openblas libopenblas cblas PATH_SUFFIXES openblas-serial)
 include(FindPackageHandleStandardArgs)
 find_package_handle_standard_args(CBLAS REQUIRED_VARS CBLAS_LIBRARY CBLAS_INCLUDE_DIR)
 mark_as_advanced(CBLAS_INCLUDE_DIR CBLAS_LIBRARY)

@@ -7,6 +7,11 @@ set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+if(WIN32)
+    # The files are named alike whichever compiler made them: qsstimulation.dll, qshost.dll.
+    set(CMAKE_SHARED_LIBRARY_PREFIX "")
+    set(CMAKE_SHARED_MODULE_PREFIX "")
+endif()
 # Installed libraries find each other where they lie.
 set(CMAKE_INSTALL_RPATH "$ORIGIN")
 
@@ -40,7 +45,16 @@ endif()
 function(qs_target target)
     target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
     if(MSVC)
-        target_compile_options(${target} PRIVATE /W4 /WX /permissive- /utf-8)
+        # Warnings are no errors here: which ones this compiler has is not known. Without those of exported classes with
+        # members or bases of the standard library's, which host and plug-ins share; of the blanks that an alignment
+        # makes; of conditions that are constant on one system alone.
+        target_compile_options(${target} PRIVATE /W4 /wd4251 /wd4275 /wd4324 /wd4127 /permissive- /utf-8 /bigobj
+                                                 /Zc:__cplusplus)
+        if(CMAKE_CXX_COMPILER_ID STREQUAL "MSVC")
+            target_compile_options(${target} PRIVATE /Zc:preprocessor)
+        endif()
+        target_compile_definitions(${target} PRIVATE NOMINMAX WIN32_LEAN_AND_MEAN UNICODE _UNICODE
+                                                     _CRT_SECURE_NO_WARNINGS)
     else()
         target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor
                                                  -Woverloaded-virtual -Werror

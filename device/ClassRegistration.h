@@ -18,24 +18,16 @@
 
 namespace QsClassRecords {
 
-// The pair of records of one class. N1 and N2 count the terminators.
+// The pair of records of one class, in one object: compilers put separate objects of a section in any order. N1 and N2
+// count the terminators.
 template <std::size_t N1, std::size_t N2>
 struct SPair
 {
     alignas(16) char16_t parents[N1];
     alignas(16) char16_t version[N2];
 };
-
 template <std::size_t N1, std::size_t N2>
-constexpr SPair<N1, N2> MakePair(const char16_t (&parents)[N1], const char16_t (&version)[N2])
-{
-    SPair<N1, N2> pair{};
-    for (std::size_t i = 0; i < N1; ++i)
-        pair.parents[i] = parents[i];
-    for (std::size_t i = 0; i < N2; ++i)
-        pair.version[i] = version[i];
-    return pair;
-}
+SPair(const char16_t (&)[N1], const char16_t (&)[N2]) -> SPair<N1, N2>;
 
 } // namespace QsClassRecords
 
@@ -65,10 +57,9 @@ constexpr SPair<N1, N2> MakePair(const char16_t (&parents)[N1], const char16_t (
 // Once in the .cpp of the class, at namespace scope. `parent` and `friendlyName` are narrow string literals.
 // clang-format off
 #define QS_REGISTER_CLASS(Class, parent, friendlyName)                                                                 \
-    QS_DECLARE_DATA_SECTION(QS_CLASS_RECORD_SECTION);                                                                  \
-    QS_DATA_SECTION(QS_CLASS_RECORD_SECTION)                                                                           \
-    static auto s_classRecords##Class = QsClassRecords::MakePair(                                                      \
-        QS_CLASS_PARENTS_RECORD(Class, parent), QS_CLASS_VERSION_RECORD(Class, 1, friendlyName));                      \
+    QS_KEPT_DATA(QS_CLASS_RECORD_SECTION, qs_classRecords##Class)                                                      \
+    QsClassRecords::SPair qs_classRecords##Class = {QS_CLASS_PARENTS_RECORD(Class, parent),                            \
+                                                    QS_CLASS_VERSION_RECORD(Class, 1, friendlyName)};                  \
     extern "C" QS_EXPORT IQsInterface* QS_ConstructorFor##Class(const char* file, unsigned int line)                   \
     {                                                                                                                  \
         return new (file, line) Class;                                                                                 \

@@ -267,7 +267,7 @@ void CQsStimulationDeviceManager::MruLoad()
             continue;
         const auto end = text.begin() + size / sizeof(char16_t);
         const auto length = static_cast<std::size_t>(std::find(text.begin(), end, u'\0') - text.begin());
-        m_mru.emplace_back(QsFromUtf16(text.data(), length));
+        m_mru.push_back(CQsStringW(QsFromUtf16(text.data(), length)));
     }
     if (m_mru.empty())
     {

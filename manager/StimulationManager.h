@@ -102,7 +102,7 @@ public:
     {
         SQsInfoEx() = default;
         SQsInfoEx(const wchar_t* name, IQsStimulationDevice* device) : SQsInfoEx(CQsStringW(name), device) {}
-        SQsInfoEx(CQsStringW name, IQsStimulationDevice* device);
+        QS_STIM_API SQsInfoEx(CQsStringW name, IQsStimulationDevice* device);
 
         IQsStimulationDevice* pDevice = nullptr;
     };

@@ -7,6 +7,7 @@
 #include "host/QsHostApi.h"
 
 #include <cstddef>
+#include <cstdio>
 #include <string>
 
 namespace QsPlatform {
@@ -25,8 +26,17 @@ enum class EFlush
 QS_HOST_API bool ReplaceFileContents(const std::string& path, const void* bytes, std::size_t count, EFlush flush,
                                      std::string& error);
 
+// A file to be read, closed by the caller: one that neither stands in the way of whoever replaces it nor is refused
+// because of them. On Windows others that read may be told for a moment that the file is in use, and one that they keep
+// open is not replaced. Null when it cannot be opened. [any thread]
+QS_HOST_API std::FILE* OpenToRead(const std::string& path);
+
 // Gives the file a second name, <path><suffix>, or with 2, 3, ... behind it when that is taken. `kept` is that name.
 QS_HOST_API bool KeepFileAside(const std::string& path, const std::string& suffix, std::string& kept,
                                std::string& error);
+
+// Called on the replacing thread after each step of a replacement with the step's name, "renamed" after the one that
+// lets readers see the new content; null: no longer. What ends the process there ends it between two steps: for tests.
+QS_HOST_API void OnFileReplacementStep(void (*hook)(const char* step));
 
 } // namespace QsPlatform

@@ -7,8 +7,8 @@
 
 namespace QsPlatform {
 
-// Where the user's settings files belong unless something else is said, UTF-8; it need not be there. Elsewhere than on
-// Windows it lies beside the registry store, so that one switch moves both.
+// Where the user's settings files belong unless something else is said, UTF-8; it need not be there. With a registry of
+// the program's own it is <its folder>/user/settings, so that one switch moves both.
 QS_HOST_API std::string UserSettingsFolder();
 
 } // namespace QsPlatform

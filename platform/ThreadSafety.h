@@ -1,12 +1,13 @@
 // Locks that Clang's thread-safety analysis can follow.
 //
 // The standard library's mutexes carry no annotations, so the analysis cannot see them taken. These thin wrappers carry
-// them and add nothing else. A build with Clang makes a violation an error.
+// them and add nothing else. A build with Clang makes a violation an error; on Windows nothing is analysed, since the
+// system's own critical section carries no annotations either and is not ours to wrap.
 #pragma once
 
 #include <mutex>
 
-#if defined(__clang__)
+#if defined(__clang__) && !defined(_WIN32)
 #define QS_THREAD_ATTRIBUTE(x) __attribute__((x))
 #else
 #define QS_THREAD_ATTRIBUTE(x)

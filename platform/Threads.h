@@ -6,9 +6,7 @@
 #pragma once
 
 #ifdef _WIN32
-#include "platform/Win32.h"
 #include "platform/windows/ThreadsWindows.h"
-#include <pthread.h>
 #else
 #include "platform/posix/ThreadsPosix.h"
 #endif

@@ -271,10 +271,9 @@ void CQsSimMicromirrorDevice::OnCalibrationStateChanged(EQsCalibrationState stat
 
 CQsStringW CQsSimMicromirrorDevice::GetCalibrationFileName()
 {
-    const CQsStringW file = CQsStringW::FromUtf8(m_own.calibrationFile);
-    if (std::filesystem::u8path(m_own.calibrationFile).is_absolute())
-        return file;
-    return QS_GetSettingsFolder() + CQsStringW(L"/") + file;
+    namespace fs = std::filesystem;
+    const fs::path folder = fs::u8path(QS_GetSettingsFolder().ToUtf8());
+    return CQsStringW::FromUtf8((folder / fs::u8path(m_own.calibrationFile)).generic_u8string()); // or an absolute one
 }
 
 int CQsSimMicromirrorDevice::GetCameraFlipReference(double* a, double* b, double* c, double* d)

@@ -3,8 +3,20 @@
 #include "platform/ModuleFile.h"
 
 #include <algorithm>
+#include <filesystem>
 
 namespace QsStandalone {
+
+namespace {
+
+// The system may know a module by another path than the one it was scanned by: over a link, or in other letters.
+bool IsSameFile(const std::string& a, const std::string& b)
+{
+    std::error_code ignored;
+    return a == b || std::filesystem::equivalent(std::filesystem::u8path(a), std::filesystem::u8path(b), ignored);
+}
+
+} // namespace
 
 // Never destroyed: modules unregister their classes when the process ends.
 CClassRegistry& CClassRegistry::Instance()
@@ -55,7 +67,7 @@ void CClassRegistry::AddModule(const SModuleFile& module)
         }
         // A class that another file, such as the program itself, has registered in code stays that file's.
         const SCoded* const coded = FindCoded(record.className);
-        if (coded == nullptr || coded->module == module.path)
+        if (coded == nullptr || IsSameFile(coded->module, module.path))
             m_recorded.push_back({record, module.path});
     }
 }

@@ -94,9 +94,11 @@ QSqlDatabase MakeDatabase(const SDeviceDatabaseSetup& setup, bool make, std::str
     SUnregisteredDatabase database(driver);
     if (isFile)
     {
-        // As an address, since a plain name would make a file where there is none.
+        // As an address, since a plain name would make a file where there is none. It names no host: the library takes
+        // none, and reads the path of a shared folder behind it.
         const QString path = QFileInfo(ToQString(setup.file)).absoluteFilePath();
-        database.setDatabaseName(QString::fromLatin1(QUrl::fromLocalFile(path).toEncoded()) +
+        database.setDatabaseName(QString::fromLatin1(path.startsWith(QLatin1Char('/')) ? "file://" : "file:///") +
+                                 QString::fromLatin1(QUrl::toPercentEncoding(path, "/:")) +
                                  QString::fromLatin1(make ? "?mode=rwc" : "?mode=rw"));
         database.setConnectOptions(QString::fromLatin1(s_fileOptions));
     }

@@ -4,6 +4,7 @@
 #include "host/QsDevice.h"
 #include "host/QsPluginManager.h"
 #include "platform/ThreadSafety.h"
+#include "platform/ThreadSlot.h"
 #include "standalone/DatabaseConnection.h"
 #include "standalone/DatabaseFaults.h"
 #include "standalone/DatabaseSchema.h"
@@ -56,11 +57,9 @@ std::atomic<qs_int32> s_setupId{0};
 std::atomic<qs_int32> s_hwConfigId{0};
 std::atomic<qs_int32> s_userId{0};
 
-// The calling thread's connection, closed when the thread ends.
+// A thread's connection, closed when the thread ends.
 struct SThreadConnection
 {
-    ~SThreadConnection();
-
     CDatabaseConnection connection;
     std::uint64_t epoch = 0; // of the database that it goes to
     unsigned scopes = 0;     // open ones
@@ -68,11 +67,34 @@ struct SThreadConnection
 
 // Objects that are destroyed after the thread's connection may still ask for one.
 thread_local bool t_bEnded = false;
-thread_local SThreadConnection t_connection;
+std::atomic<bool> s_processEnds{false};
 
-SThreadConnection::~SThreadConnection()
+void EndOfThread(void* connection)
 {
     t_bEnded = true;
+    if (!s_processEnds) // then Qt's own tables of connections may be gone
+        delete static_cast<SThreadConnection*>(connection);
+}
+
+QsPlatform::CThreadSlot& ConnectionSlot()
+{
+    static QsPlatform::CThreadSlot& slot = *new QsPlatform::CThreadSlot(&EndOfThread);
+    return slot;
+}
+
+// The calling thread's; null when it has had none.
+SThreadConnection* OwnConnection()
+{
+    return static_cast<SThreadConnection*>(ConnectionSlot().Get());
+}
+
+SThreadConnection& MakeOwnConnection()
+{
+    if (SThreadConnection* const own = OwnConnection())
+        return *own;
+    auto made = std::make_unique<SThreadConnection>();
+    ConnectionSlot().Set(made.get());
+    return *made.release();
 }
 
 void SayNoConnection(const wchar_t* location, const std::string& words)
@@ -108,10 +130,9 @@ bool Connect(SThreadConnection& own, std::uint64_t epoch, const wchar_t* locatio
     return false;
 }
 
-// Scopes that are open on all threads, and whether the process ends. Qt's own tables of connections go when the process
-// ends; a thread of the pool that is in the middle of a query must come out before, and none may come in.
+// Scopes that are open on all threads. Qt's own tables of connections go when the process ends; a thread of the pool that
+// is in the middle of a query must come out before, and none may come in.
 std::atomic<unsigned> s_openScopes{0};
-std::atomic<bool> s_processEnds{false};
 
 void LeaveDatabaseAtExit()
 {
@@ -119,6 +140,8 @@ void LeaveDatabaseAtExit()
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
     while (s_openScopes != 0 && std::chrono::steady_clock::now() < until)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (SThreadConnection* const own = OwnConnection(); own != nullptr && own->scopes == 0)
+        own->connection.Close();
 }
 
 bool EnterScope()
@@ -260,8 +283,8 @@ void CQsDeviceDatabase::Close()
     }
     std::string ignored; // taking ids back contradicts nothing
     CQsDeviceManager::SetDatabaseIds({}, ignored);
-    if (!t_bEnded && t_connection.scopes == 0)
-        t_connection.connection.Close();
+    if (SThreadConnection* const own = OwnConnection(); own != nullptr && own->scopes == 0)
+        own->connection.Close();
 }
 
 bool CQsDeviceDatabase::IsOpen()
@@ -381,10 +404,12 @@ void DeviceDBApi::DeviceDBDataE::Raise() const
 DeviceDBApi::CQsAutoDeviceDB::CQsAutoDeviceDB(const wchar_t* location, int /*flags*/)
     : m_location(location != nullptr ? location : L"")
 {
-    if (t_bEnded || !EnterScope())
+    if (t_bEnded)
+        return;
+    SThreadConnection& own = MakeOwnConnection();
+    if (!EnterScope())
         return;
     m_bEntered = true;
-    SThreadConnection& own = t_connection;
     ++own.scopes;
     const bool isWatched = AreStatementsWatched();
     if (isWatched && s_epoch != 0 && TakesConnectionFault(m_location))
@@ -406,15 +431,13 @@ DeviceDBApi::CQsAutoDeviceDB::~CQsAutoDeviceDB()
     {
         ~SLeave() { --s_openScopes; }
     } const leave;
-    if (t_bEnded)
+    SThreadConnection* const own = OwnConnection();
+    if (own == nullptr || --own->scopes != 0) // null: the thread ends
         return;
-    SThreadConnection& own = t_connection;
-    if (--own.scopes != 0)
-        return;
-    own.connection.EndUse();
+    own->connection.EndUse();
     // The database was closed, or another opened, meanwhile.
-    if (own.epoch != s_epoch)
-        own.connection.Close();
+    if (own->epoch != s_epoch)
+        own->connection.Close();
 }
 
 void DeviceDBApi::ReportQueryErrorAndThrowException(const QSqlQuery& query, const wchar_t* location,

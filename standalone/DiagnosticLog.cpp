@@ -102,6 +102,7 @@ private:
             return;
         m_reported = true;
         std::fprintf(stderr, "%s: the log cannot be written any more\n", m_name.c_str());
+        std::fflush(stderr);
     }
 
     std::string m_name;
@@ -154,7 +155,10 @@ void Write(SLogLine&& line)
     {
         const std::string text = TextLine(line);
         if (log.toStderr)
+        {
             std::fwrite(text.data(), 1, text.size(), stderr);
+            std::fflush(stderr);
+        }
         if (log.file)
             log.file->Write(text);
     }

@@ -1,8 +1,12 @@
 #include "standalone/FileContents.h"
 
+#include "platform/AtomicFile.h"
+
+#include <algorithm>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
-#include <fstream>
+#include <memory>
 
 namespace fs = std::filesystem;
 
@@ -33,23 +37,23 @@ bool QsStandalone::ReadFileContents(const std::string& path, std::uint64_t maxBy
         if (!fs::is_regular_file(status))
             return Fail(path, "expected a file, found a pipe or a device", error);
 
-        // The size of the file that is open: the path may be given to another one at any moment.
-        std::ifstream stream(file, std::ios::binary | std::ios::ate);
-        if (!stream)
+        const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(QsPlatform::OpenToRead(path), &std::fclose);
+        if (stream == nullptr)
             return Fail(path, "cannot be opened", error);
-        const std::streamoff size = stream.tellg();
-        stream.seekg(0);
-        if (!stream || size < 0)
-            return Fail(path, "cannot be read", error);
-        if (static_cast<std::uint64_t>(size) > maxBytes)
-            return Fail(path,
-                        "has " + std::to_string(size) + " bytes, at most " + std::to_string(maxBytes) + " are expected",
-                        error);
-
-        std::string bytes(static_cast<std::size_t>(size), '\0');
-        stream.read(bytes.data(), size);
-        if (stream.bad() || stream.gcount() != size)
+        std::string bytes;
+        const std::uintmax_t size = fs::file_size(file, code); // of the one that is open unless it has just been replaced
+        bytes.reserve(static_cast<std::size_t>(code ? 0 : std::min<std::uintmax_t>(size, maxBytes)));
+        char block[1 << 16];
+        std::size_t count = 0;
+        while (bytes.size() <= maxBytes && (count = std::fread(block, 1, sizeof block, stream.get())) > 0)
+            bytes.append(block, count);
+        if (std::ferror(stream.get()) != 0)
             return Fail(path, "cannot be read to its end", error);
+        if (bytes.size() > maxBytes)
+            return Fail(path,
+                        "has " + std::to_string(std::max<std::uintmax_t>(code ? 0 : size, bytes.size())) +
+                            " bytes, at most " + std::to_string(maxBytes) + " are expected",
+                        error);
         contents = std::move(bytes);
         return true;
     }

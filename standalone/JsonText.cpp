@@ -342,13 +342,14 @@ SJsonFault JsonSyntaxFault(const std::string& text, int code, std::size_t positi
 bool ReadJsonFile(const std::string& path, SJsonValue& root, SJsonFault& fault)
 {
     std::error_code ignored;
-    const std::filesystem::file_status status = std::filesystem::status(path, ignored);
+    const std::filesystem::path name = std::filesystem::u8path(path);
+    const std::filesystem::file_status status = std::filesystem::status(name, ignored);
     if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) // a pipe would be waited for
     {
         fault = {1, "expected a file that can be read, found something else"};
         return false;
     }
-    std::ifstream file(path, std::ios::binary);
+    std::ifstream file(name, std::ios::binary);
     if (!file)
     {
         fault = {1, "expected a file that can be read, found none"};

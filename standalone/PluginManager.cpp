@@ -14,11 +14,21 @@ namespace {
 constexpr wchar_t unit[] = L"PluginManager";
 
 // The one path by which a module is known, whatever way leads to it. Of a missing file the part that exists counts.
+// With the system's own separators: the module asks the system by this path whether a file is loaded.
 std::string FullPath(const std::string& path)
 {
     std::error_code code;
-    const fs::path full = fs::weakly_canonical(fs::u8path(path), code);
-    return code ? path : full.u8string();
+    fs::path full = fs::weakly_canonical(fs::u8path(path), code);
+    return code ? path : full.make_preferred().u8string();
+}
+
+// In whatever letters; both kinds are read everywhere.
+bool IsModuleName(const fs::path& file)
+{
+    std::string extension = file.extension().u8string();
+    for (char& c : extension)
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    return extension == ".so" || extension == ".dll";
 }
 
 SModuleFile Scan(const std::string& path)
@@ -48,11 +58,8 @@ std::vector<SModuleFile> CQsModules::ScanFolder(const std::string& folder)
     std::vector<fs::path> files;
     std::error_code code;
     for (fs::directory_iterator entry(fs::u8path(folder), code), end; !code && entry != end; entry.increment(code))
-    {
-        const fs::path extension = entry->path().extension();
-        if (extension == ".so" || extension == ".dll")
+        if (IsModuleName(entry->path()))
             files.push_back(entry->path());
-    }
     if (code)
         return {UnreadableFolder(folder, code.message())};
     std::sort(files.begin(), files.end(),

@@ -39,7 +39,7 @@ class CRigReader
 {
 public:
     CRigReader(const SJsonValue& root, const std::string& path)
-        : m_root(root, s_rigRoot), m_folder(fs::absolute(path).parent_path())
+        : m_root(root, s_rigRoot), m_folder(fs::absolute(fs::u8path(path)).parent_path())
     {}
 
     bool Read(SRig& rig, SJsonFault& fault)
@@ -58,7 +58,7 @@ public:
 private:
     std::string Absolute(const std::string& path) const
     {
-        return (m_folder / fs::u8path(path)).lexically_normal().u8string();
+        return (m_folder / fs::u8path(path)).lexically_normal().generic_u8string();
     }
 
     bool EnterIds(const CRigObject& object, SJsonFault& fault)

@@ -138,6 +138,9 @@ void CQsClass::operator delete(void* memory) noexcept
     ::operator delete(memory);
 }
 
+// Programs that take a reference to such a constant import it, so the library must have it as an object.
+constexpr std::size_t CQsClassInfo::s_parentCount;
+
 CQsClassInfo::CQsClassInfo(const char* name, const char* parent1, const char* parent2, const char* parent3,
                            const char* parent4, const char* parent5, const char* parent6, const char* parent7,
                            const char* parent8, const char* parent9, std::size_t size, QsClassConstructor constructor)

@@ -8,6 +8,10 @@
 #include <exception>
 #include <optional>
 
+// Programs that take a reference to these constants import them, so the library must have them as objects.
+constexpr unsigned CQsScript::s_kindText;
+constexpr unsigned CQsScript::s_kindFlag;
+
 namespace QsStandalone {
 namespace {
 

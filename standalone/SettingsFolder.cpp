@@ -38,7 +38,7 @@ CQsStringW QS_GetSettingsFolder()
     if (!absolute.has_filename() && absolute.has_relative_path())
         absolute = absolute.parent_path();
     fs::create_directories(absolute, error);
-    const std::string text = absolute.u8string();
+    const std::string text = absolute.generic_u8string();
     std::error_code ignored;
     if (error && !fs::is_directory(absolute, ignored))
         DiagOutputExW(L"Settings", __LINE__, L"%hs: expected a folder of settings files, it cannot be made: %hs",
@@ -50,7 +50,7 @@ void QsStandalone::SetSettingsFolder(const std::string& path)
 {
     // Made absolute now: what the program's folder is later must not move the settings.
     std::error_code ignored;
-    std::string absolute = path.empty() ? path : fs::absolute(fs::u8path(path), ignored).u8string();
+    std::string absolute = path.empty() ? path : fs::absolute(fs::u8path(path), ignored).generic_u8string();
     SFolder& folder = Folder();
     const CQsScopedLock<CQsMutex> guard(folder.lock);
     folder.set = std::move(absolute);

@@ -7,6 +7,9 @@
 #include <cwchar>
 #include <limits>
 
+// Programs that take a reference to such a constant import it, so the library must have it as an object.
+constexpr std::size_t CQsStringW::npos;
+
 namespace {
 
 const wchar_t* TextOrEmpty(const wchar_t* text)

@@ -3,6 +3,7 @@
 #include "stimhost/Commands.h"
 
 #include "platform/Export.h"
+#include "platform/Process.h"
 #include "standalone/DeviceManager.h"
 #include "standalone/HostControl.h"
 #include "stimhost/Bounded.h"
@@ -13,12 +14,11 @@
 #include "stimhost/Text.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <exception>
 #include <iterator>
 #include <stdexcept>
 
-extern "C" QS_EXPORT int StimhostMain(int argc, char** argv);
+extern "C" QS_EXPORT int StimhostMain(const std::vector<std::string>* arguments);
 
 namespace Stimhost {
 
@@ -107,12 +107,12 @@ int PutLightsOut(int code)
 
 } // namespace Stimhost
 
-int StimhostMain(int argc, char** argv)
+int StimhostMain(const std::vector<std::string>* arguments)
 {
     using namespace Stimhost;
 
     SOptions options;
-    if (const std::optional<int> code = ReadOptions(argc, argv, options))
+    if (const std::optional<int> code = ReadOptions(*arguments, options))
         return *code;
     if (!HandleInterruptions())
     {
@@ -123,7 +123,7 @@ int StimhostMain(int argc, char** argv)
     CloseDatabase();
     RemoveTemporaryFolder();
     if (ThreadsAreLeftBehind())
-        std::_Exit(code); // they may still be inside a device; nothing of it may be tidied away under them
+        QsPlatform::EndProcess(code); // they may still be inside a device; nothing of it may be tidied away under them
     QsStandalone::RemoveCameras();
     return code;
 }

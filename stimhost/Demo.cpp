@@ -34,6 +34,12 @@ SPhase& CDemoRun::Stimulate(const SRequest& request)
     return phase;
 }
 
+std::string CDemoRun::ResultFile(const std::string& name) const
+{
+    namespace fs = std::filesystem;
+    return (fs::u8path(m_options.out) / fs::u8path(name)).generic_u8string();
+}
+
 int CDemoRun::Finish()
 {
     Heading("At the end");
@@ -49,8 +55,8 @@ int CDemoRun::Finish()
         Say("\n" + CalibrationTable(m_report.calibrations));
     if (!m_report.landings.empty())
         Say("\n" + LandingTable(m_report.landings));
-    const std::string report = m_options.out + "/report.json";
-    const std::string timeline = m_options.out + "/timeline.svg";
+    const std::string report = ResultFile("report.json");
+    const std::string timeline = ResultFile("timeline.svg");
     std::string error;
     if (!WriteWholeFile(report, ReportJson(m_report), error) ||
         !WriteWholeFile(timeline, TimelineSvg("Stimulations on " + m_report.rigName, m_report.phases), error))
@@ -80,8 +86,9 @@ SRequest DemoRequest(const std::string& title, EKind kind, double durationMs, st
 bool PrepareDemo(SOptions& options, std::string& error)
 {
     std::error_code failure;
-    std::filesystem::create_directories(options.out, failure);
-    if (!std::filesystem::is_directory(options.out))
+    const std::filesystem::path out = std::filesystem::u8path(options.out);
+    std::filesystem::create_directories(out, failure);
+    if (std::error_code ignored; !std::filesystem::is_directory(out, ignored))
     {
         error = options.out + ": expected a folder for the results: " + failure.message();
         return false;

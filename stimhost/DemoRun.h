@@ -36,6 +36,7 @@ public:
 
     std::vector<SSignal> TakeSignals() { return m_signals.Take(); } // since the last time
 
+    std::string ResultFile(const std::string& name) const; // path in the folder for the results
     // No light is on; table, report and picture. The exit code.
     int Finish();
 

@@ -12,7 +12,7 @@ namespace fs = std::filesystem;
 
 fs::path ProgramFolder()
 {
-    return fs::path(QsPlatform::ProgramFile()).parent_path();
+    return fs::u8path(QsPlatform::ProgramFile()).parent_path();
 }
 
 // The first of the places that exists; the first place when none does, so that a message can name it.
@@ -20,14 +20,14 @@ std::string FirstThatExists(const fs::path& first, const fs::path& second)
 {
     std::error_code error;
     if (!fs::exists(first, error) && fs::exists(second, error))
-        return second.lexically_normal().string();
-    return first.lexically_normal().string();
+        return second.lexically_normal().generic_u8string();
+    return first.lexically_normal().generic_u8string();
 }
 
 std::string OrNothing(const std::string& path)
 {
     std::error_code error;
-    return fs::exists(path, error) ? path : std::string();
+    return fs::exists(fs::u8path(path), error) ? path : std::string();
 }
 
 } // namespace
@@ -50,8 +50,8 @@ std::string PluginFolder()
 
 std::string RigOfProgram(const std::string& name)
 {
-    const fs::path installed = ProgramFolder() / QS_SHARE_FOLDER / "qsstimulation" / "rigs" / name;
-    return OrNothing(FirstThatExists(installed, fs::path(QS_SOURCE_RIGS) / name));
+    const fs::path installed = ProgramFolder() / QS_SHARE_FOLDER / "qsstimulation" / "rigs" / fs::u8path(name);
+    return OrNothing(FirstThatExists(installed, fs::u8path(QS_SOURCE_RIGS) / fs::u8path(name)));
 }
 
 } // namespace Stimhost

@@ -1,6 +1,7 @@
 #include "stimhost/Interruption.h"
 
 #include "platform/Interrupt.h"
+#include "platform/Process.h"
 #include "platform/ThreadSafety.h"
 #include "standalone/DeviceManager.h"
 #include "stimhost/Session.h"
@@ -9,7 +10,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 
 namespace Stimhost {
 
@@ -42,7 +42,7 @@ SState& State()
     for (const std::string& light : closed)
         Complain("interrupted: the light of " + light + " was on and has been switched off");
     RemoveTemporaryFolder();
-    std::_Exit(eExitFailed);
+    QsPlatform::EndProcess(eExitFailed);
 }
 
 void OnInterruption()
@@ -53,7 +53,7 @@ void OnInterruption()
     {
         QsStandalone::CQsDeviceManager::CloseAllShutters();
         RemoveTemporaryFolder();
-        std::_Exit(eExitFailed);
+        QsPlatform::EndProcess(eExitFailed);
     }
     std::function<void()> stop;
     {

@@ -2,8 +2,8 @@
 
 #include "device/ChipTransformations.h"
 #include "manager/StimulationManager.h"
+#include "platform/RegistryControl.h"
 #include "platform/Utf16.h"
-#include "platform/posix/Control.h"
 #include "standalone/HostControl.h"
 #include "standalone/Rig.h"
 #include "standalone/Script.h"
@@ -22,6 +22,9 @@ namespace {
 
 using SInfo = CQsStimulationDeviceManager::SQsInfo;
 using QsPlatform::SRegistryValue;
+
+constexpr wchar_t shownKey[] = L"Software\\Corvane"; // where the module and its host keep what is theirs
+constexpr wchar_t managerKey[] = L"Software\\Corvane\\Misc\\StimulationDeviceManager";
 
 std::vector<SInfo> Devices(CQsStimulationDeviceManager& manager)
 {
@@ -91,12 +94,11 @@ std::string RegistryShown(const SRegistryValue& value)
 bool StoredRecentlyUsed(std::vector<std::string>& names, std::string& error)
 {
     std::vector<SRegistryValue> values;
-    if (!QsPlatform::ListRegistry(HKEY_CURRENT_USER, values, error))
+    if (!QsPlatform::ListRegistry(HKEY_CURRENT_USER, managerKey, values, error))
         return false;
     for (int i = 0; i < 10; ++i)
         for (const SRegistryValue& value : values)
-            if (value.type == REG_SZ && value.name == "Device-" + std::to_string(i) &&
-                value.key.find("StimulationDeviceManager") != std::string::npos)
+            if (value.type == REG_SZ && value.name == "Device-" + std::to_string(i))
                 names.push_back(RegistryText(value));
     return true;
 }
@@ -111,7 +113,7 @@ bool SaveRecentlyUsed(CQsStimulationDeviceManager& manager, const std::string& l
     if (!StoredRecentlyUsed(stored, error))
         Complain(error);
     else if (stored.empty() || (!latest.empty() && stored.front() != latest))
-        Complain(QsPlatform::GetRegistryFile(HKEY_CURRENT_USER) + ": the recently used devices cannot be saved");
+        Complain(QsPlatform::RegistryPlace(HKEY_CURRENT_USER) + ": the recently used devices cannot be saved");
     else
         return true;
     return false;
@@ -178,7 +180,7 @@ std::string ListText(CQsStimulationDeviceManager& manager)
     std::string text = "Classes\n";
     for (const QsStandalone::SKnownClass& known : QsStandalone::KnownClasses())
         text += "  " + Padded(known.className, 36) + "  " + (known.moduleLoaded ? "loaded  " : "known   ") +
-                Padded(known.friendlyName, 40) + "  " + std::filesystem::path(known.module).filename().string() + "\n";
+                Padded(known.friendlyName, 40) + "  " + std::filesystem::u8path(known.module).filename().u8string() + "\n";
     text += "Devices\n";
     for (const SInfo& device : Devices(manager))
         text += std::string("  ") + (device.bActive ? "* " : "  ") + Padded(ToUtf8(device.sName), 32) + "  " +
@@ -343,14 +345,14 @@ int RegistryShow(const SOptions& options)
     const HKEY root = options.machine ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
     std::vector<SRegistryValue> values;
     std::string error;
-    if (!QsPlatform::ListRegistry(root, values, error))
+    if (!QsPlatform::ListRegistry(root, shownKey, values, error))
     {
         Complain(error);
         return eExitBadUse;
     }
     CJson json;
-    std::string text = QsPlatform::GetRegistryFile(root) + "\n";
-    json.Object().Integer("version", 1).Text("file", QsPlatform::GetRegistryFile(root)).Array("values");
+    std::string text = QsPlatform::RegistryPlace(root) + "\n";
+    json.Object().Integer("version", 1).Text("file", QsPlatform::RegistryPlace(root)).Array("values");
     for (const SRegistryValue& value : values)
     {
         json.Object().Text("key", value.key).Text("name", value.name).Text("type", RegistryType(value.type));

@@ -287,7 +287,7 @@ bool ReadRoiOrFile(const std::string& place, SRoi& roi, std::string& error)
 {
     constexpr qint64 longest = 4 << 20;
     std::error_code ignored;
-    if (!std::filesystem::is_regular_file(place, ignored))
+    if (!std::filesystem::is_regular_file(std::filesystem::u8path(place), ignored))
         return ReadRoi(place, roi, error);
     QFile file(QString::fromStdString(place));
     if (!file.open(QIODevice::ReadOnly) || file.size() > longest)

@@ -183,7 +183,7 @@ bool COpticsDemo::MeasureAndSave(const std::string& title)
                              : error);
     m_promises.Check(m_device.State() == eCalibrationStateIdentical, "it fits the hardware of now",
                      "state " + StateText(m_device.State()));
-    return adopted && WriteOrComplain(m_run.Options().out + "/calibration-" + std::to_string(++m_pictures) + ".svg",
+    return adopted && WriteOrComplain(m_run.ResultFile("calibration-" + std::to_string(++m_pictures) + ".svg"),
                                       CalibrationSvg("Calibration, " + title, measurement));
 }
 
@@ -220,7 +220,7 @@ SLanding COpticsDemo::Light(const std::string& title)
     landing.title = title;
     if (!error.empty())
         landing.refusal = error;
-    WriteOrComplain(m_run.Options().out + "/region-" + std::to_string(++m_pictures) + ".svg",
+    WriteOrComplain(m_run.ResultFile("region-" + std::to_string(++m_pictures) + ".svg"),
                     LandingSvg("Region, " + title, roi, landing));
     m_run.Keep(landing);
     return landing;
@@ -385,7 +385,7 @@ void COpticsDemo::Objectives()
 // The rig of the demo with a device that watches the camera's rotation; empty when it cannot be made.
 std::string RigThatWatchesRotation(const QsStandalone::SRig& rig, const std::string& name)
 {
-    std::ifstream file(rig.path);
+    std::ifstream file(std::filesystem::u8path(rig.path), std::ios::binary);
     rapidjson::Document document =
         ParseOrNull(std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()));
     if (!document.IsObject() || !document.HasMember("devices"))

@@ -1,5 +1,6 @@
 #include "stimhost/Options.h"
 
+#include "platform/Process.h"
 #include "stimhost/RoiText.h"
 #include "stimhost/Text.h"
 
@@ -117,9 +118,8 @@ void AddGlobal(CLI::App& app, SOptions& options)
         ->type_name("FILE");
     app.add_option("--database", options.database,
                    "Device database, sqlite:FILE or postgresql://[USER[:PASSWORD]@]HOST[:PORT]/DATABASE; where a "
-                   "password must not stand on the command line, in the environment (default: the rig's own, for this "
-                   "run)")
-        ->envname("QS_DATABASE")
+                   "password must not stand on the command line, in the environment's QS_DATABASE (default: the rig's "
+                   "own, for this run)")
         ->check(s_path)
         ->type_name("SPEC");
     app.add_option("--setup", options.setup, "Setup of the device database (default: the first)")
@@ -371,10 +371,11 @@ void AddRig(CLI::App& app, SOptions& options)
 
 } // namespace
 
-std::optional<int> ReadOptions(int argc, char** argv, SOptions& options)
+std::optional<int> ReadOptions(const std::vector<std::string>& arguments, SOptions& options)
 {
     CLI::App app("Command-line host of the stimulation-device module.", "stimhost");
     app.footer(s_footer);
+    app.allow_windows_style_options(false); // "/folder/file" is a path on every system
     app.require_subcommand(1);
     app.set_version_flag("--version", "stimhost " QS_VERSION);
     AddGlobal(app, options);
@@ -429,7 +430,11 @@ std::optional<int> ReadOptions(int argc, char** argv, SOptions& options)
 
     try
     {
-        app.parse(argc, argv);
+        // Last one first.
+        std::vector<std::string> texts(arguments.rbegin(), arguments.rend());
+        if (!texts.empty())
+            texts.pop_back();
+        app.parse(texts);
     }
     catch (const CLI::ParseError& e)
     {
@@ -446,6 +451,8 @@ std::optional<int> ReadOptions(int argc, char** argv, SOptions& options)
         Complain(reason + " (see stimhost --help)");
         return eExitBadUse;
     }
+    if (options.database.empty()) // an empty one on the command line is bad usage
+        options.database = QsPlatform::EnvironmentVariable("QS_DATABASE").value_or("");
     return std::nullopt;
 }
 

@@ -8,8 +8,10 @@ namespace Stimhost {
 
 CProgressLine::~CProgressLine()
 {
-    if (m_shown)
-        std::fputs("\r\x1b[K", stderr);
+    if (!m_shown)
+        return;
+    std::fputs("\r\x1b[K", stderr);
+    std::fflush(stderr);
 }
 
 void CProgressLine::Show(const std::string& text)
@@ -18,6 +20,7 @@ void CProgressLine::Show(const std::string& text)
         return;
     m_shown = true;
     std::fputs(("\r" + text + "\x1b[K").c_str(), stderr);
+    std::fflush(stderr);
 }
 
 } // namespace Stimhost

@@ -243,7 +243,7 @@ std::set<std::string> KeptAside(const CCalibratedDevice& device)
     std::set<std::string> kept;
     for (fs::directory_iterator i(file.parent_path(), failure), end; !failure && i != end; i.increment(failure))
         if (i->path().filename().u8string().compare(0, begin.size(), begin) == 0)
-            kept.insert(i->path().u8string());
+            kept.insert(i->path().generic_u8string());
     return kept;
 }
 

@@ -1,8 +1,8 @@
 #include "stimhost/Session.h"
 
 #include "manager/StimulationManager.h"
+#include "platform/RegistryControl.h"
 #include "platform/ThreadSafety.h"
-#include "platform/posix/Control.h"
 #include "standalone/DeviceDatabase.h"
 #include "standalone/DeviceManager.h"
 #include "standalone/DiagnosticLog.h"
@@ -91,8 +91,9 @@ std::string SettingsOf(const SRigDevice& device)
 bool UseSettingsFolder(const std::string& folder, std::string& error)
 {
     std::error_code failure;
-    std::filesystem::create_directories(folder, failure);
-    if (!std::filesystem::is_directory(folder, failure))
+    const std::filesystem::path path = std::filesystem::u8path(folder);
+    std::filesystem::create_directories(path, failure);
+    if (!std::filesystem::is_directory(path, failure))
         return Fail(error, folder + ": expected a folder of settings, found none and cannot make one");
     QsStandalone::SetSettingsFolder(folder);
     return true;
@@ -105,7 +106,7 @@ bool CSession::Open(const SOptions& options, bool withRig, std::string& error)
     if (!OpenLog(options, error))
         return false;
     if (!options.registryFolder.empty())
-        QsPlatform::SetRegistryFolders(options.registryFolder + "/user", options.registryFolder + "/machine");
+        QsPlatform::UseOwnRegistry(options.registryFolder);
     if (!options.settingsFolder.empty() && !UseSettingsFolder(options.settingsFolder, error))
         return false;
     if (!withRig)
@@ -164,7 +165,7 @@ bool CSession::ScanModules(const SOptions& options, std::string& error)
 bool CSession::ScanFolder(const std::string& folder, const std::string& named, std::string& error)
 {
     std::error_code ignored;
-    if (!std::filesystem::is_directory(folder, ignored))
+    if (!std::filesystem::is_directory(std::filesystem::u8path(folder), ignored))
     {
         error = named + ": expected a folder of modules, found none at " + folder;
         return false;

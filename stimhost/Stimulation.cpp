@@ -3,6 +3,7 @@
 #include "beampath/StimulationDeviceAggregator.h"
 #include "manager/StimulationManager.h"
 #include "platform/ThreadSafety.h"
+#include "platform/Timer.h"
 #include "standalone/DeviceDatabase.h"
 #include "standalone/DeviceManager.h"
 #include "standalone/DiagnosticLog.h"
@@ -399,6 +400,7 @@ SPhase RunStimulation(CQsStimulationDeviceManager& manager, const SRequest& requ
                          device->StimulationAreaGetCount() == 0;
 
     const CLogKeeper log;
+    const QsPlatform::CFinestTimer timer; // the module leaves it to its host how exactly a pulse ends
     CSignalListener signals(manager);
     const std::size_t firstEntry = CQsJournal::Count();
     const auto run = std::make_shared<CRun>(manager, *device, request);

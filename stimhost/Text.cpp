@@ -87,6 +87,7 @@ void Complain(const std::string& line)
 {
     const std::string text = "stimhost: " + line + "\n";
     std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
 }
 
 bool WriteWholeFile(const std::string& path, const std::string& text, std::string& error)
@@ -94,7 +95,8 @@ bool WriteWholeFile(const std::string& path, const std::string& text, std::strin
     const QString name = QString::fromStdString(path);
     const auto size = static_cast<qint64>(text.size());
     std::error_code ignored;
-    if (std::filesystem::exists(path, ignored) && !std::filesystem::is_regular_file(path, ignored))
+    const std::filesystem::file_status status = std::filesystem::status(std::filesystem::u8path(path), ignored);
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status))
     {
         // A file must not take the place of a device or a pipe.
         QFile device(name);

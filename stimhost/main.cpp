@@ -13,9 +13,9 @@
 
 namespace {
 
-int RunCommands(int argc, char** argv)
+int RunCommands(const std::vector<std::string>& arguments)
 {
-    using CommandsMain = int (*)(int, char**);
+    using CommandsMain = int (*)(const std::vector<std::string>*);
 
     std::string error;
     const std::string module = Stimhost::ModuleFile();
@@ -33,7 +33,7 @@ int RunCommands(int argc, char** argv)
         Stimhost::Complain("the commands cannot be loaded: " + (error.empty() ? commands + " is not ours" : error));
         return Stimhost::eExitInternal;
     }
-    return reinterpret_cast<CommandsMain>(entry)(argc, argv);
+    return reinterpret_cast<CommandsMain>(entry)(&arguments);
 }
 
 } // namespace
@@ -43,12 +43,13 @@ int main(int argc, char** argv)
     QsPlatform::GuardStandardStreams();
     try
     {
+        const std::vector<std::string> arguments = QsPlatform::CommandLineArguments(argc, argv);
         Stimhost::SOptions options;
-        if (const std::optional<int> code = Stimhost::ReadOptions(argc, argv, options))
+        if (const std::optional<int> code = Stimhost::ReadOptions(arguments, options))
             return *code;
         if (options.command == "inspect")
             return Stimhost::CodeAfterOutput(Stimhost::Inspect(options));
-        return RunCommands(argc, argv);
+        return RunCommands(arguments);
     }
     catch (const std::exception& e)
     {

@@ -1,6 +1,5 @@
 #include "platform/AtomicFile.h"
 
-#include "platform/posix/Control.h"
 #include "platform/posix/FilePaths.h"
 
 #include <algorithm>
@@ -238,6 +237,11 @@ bool ReplaceFileContents(const std::string& path, const void* bytes, std::size_t
     if (failure == 0 && flush == EFlush::ToDisk)
         failure = FlushFolder(FolderOf(target));
     return failure == 0 || fail(ReasonOf(failure));
+}
+
+std::FILE* OpenToRead(const std::string& path)
+{
+    return std::fopen(path.c_str(), "rbe");
 }
 
 bool KeepFileAside(const std::string& path, const std::string& suffix, std::string& kept, std::string& error)

@@ -1,10 +1,10 @@
 #include "platform/Folders.h"
 
-#include "platform/posix/Control.h"
+#include "platform/RegistryControl.h"
 
 #include <filesystem>
 
 std::string QsPlatform::UserSettingsFolder()
 {
-    return (std::filesystem::path(GetRegistryFile(HKEY_CURRENT_USER)).parent_path() / "settings").string();
+    return (std::filesystem::path(RegistryPlace(HKEY_CURRENT_USER)).parent_path() / "settings").string();
 }

@@ -1,5 +1,6 @@
 #include "platform/Process.h"
 
+#include <cstdlib>
 #include <filesystem>
 
 #include <fcntl.h>
@@ -14,6 +15,17 @@ std::string ProgramFile()
     return error ? std::string() : file.string();
 }
 
+std::vector<std::string> CommandLineArguments(int count, char** texts)
+{
+    return {texts, texts + count};
+}
+
+std::optional<std::string> EnvironmentVariable(const char* name)
+{
+    const char* const value = std::getenv(name);
+    return value != nullptr ? std::optional<std::string>(value) : std::nullopt;
+}
+
 void GuardStandardStreams()
 {
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
@@ -24,6 +36,11 @@ void GuardStandardStreams()
 bool StderrIsTerminal()
 {
     return isatty(STDERR_FILENO) == 1;
+}
+
+void EndProcess(int exitCode)
+{
+    std::_Exit(exitCode);
 }
 
 } // namespace QsPlatform

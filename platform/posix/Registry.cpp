@@ -1,4 +1,5 @@
 // The registry calls, on one file for each root.
+#include "platform/RegistryControl.h"
 #include "platform/ThreadSafety.h"
 #include "platform/Utf16.h"
 #include "platform/posix/Control.h"
@@ -26,7 +27,7 @@ struct SOpenKey
 struct SRegistry
 {
     CQsMutex lock; // held during file access: one process writes one change after the other
-    std::string folders[2] QS_GUARDED_BY(lock); // of the user and of the machine; empty: from the environment
+    std::string own QS_GUARDED_BY(lock); // folder of the program's own registry; empty: from the environment
     bool refused[2] QS_GUARDED_BY(lock) = {};
     std::map<HKEY, SOpenKey> keys QS_GUARDED_BY(lock);
     std::uintptr_t lastKey QS_GUARDED_BY(lock) = 0;
@@ -51,11 +52,9 @@ std::string Environment(const char* name)
 
 std::string FolderOf(const SRegistry& registry, bool machine) QS_REQUIRES(registry.lock)
 {
-    std::string folder = registry.folders[machine];
-    if (folder.empty() && machine)
-        folder = Environment("QS_MACHINE_REGISTRY_DIR");
-    if (folder.empty())
-        folder = machine ? registry.folders[false] : std::string();
+    if (!registry.own.empty())
+        return registry.own + (machine ? "/machine" : "/user");
+    std::string folder = machine ? Environment("QS_MACHINE_REGISTRY_DIR") : std::string();
     if (folder.empty())
         folder = Environment("QS_REGISTRY_DIR");
     if (!folder.empty())
@@ -117,6 +116,12 @@ bool Exists(const SOpenKey& key)
     std::string error;
     ReadRegistryFile(key.file, root, error);
     return FindRegistryKey(root, key.path) != nullptr;
+}
+
+bool LacksTerminator(const SRegistryData& data)
+{
+    const std::size_t size = data.bytes.size();
+    return data.type == REG_SZ && size >= 2 && size % 2 == 0 && (data.bytes[size - 1] != 0 || data.bytes[size - 2] != 0);
 }
 
 // Calls report by status alone, also when memory runs out.
@@ -230,6 +235,9 @@ LSTATUS RegQueryValueExW(HKEY key, const wchar_t* name, DWORD* reserved, DWORD* 
                 return ERROR_MORE_DATA;
             if (data && !bytes.empty())
                 std::memcpy(data, bytes.data(), bytes.size());
+            // As the real call, for callers that forget to: behind the size that it tells.
+            if (data && LacksTerminator(value->second) && room - bytes.size() >= sizeof(char16_t))
+                std::memset(data + bytes.size(), 0, sizeof(char16_t));
             return ERROR_SUCCESS;
         });
 }
@@ -296,15 +304,16 @@ void ListBelow(const SRegistryNode& node, const std::string& path, std::vector<S
 
 } // namespace
 
-void SetRegistryFolders(const std::string& user, const std::string& machine)
+void UseOwnRegistry(const std::string& folder)
 {
     SRegistry& registry = Registry();
     CQsScopedLock<CQsMutex> lock(registry.lock);
-    registry.folders[false] = user;
-    registry.folders[true] = machine;
+    registry.own = folder;
 }
 
-std::string GetRegistryFile(HKEY root)
+void RemoveRegistriesIn(const std::string&) {} // they are files in it
+
+std::string RegistryPlace(HKEY root)
 {
     SRegistry& registry = Registry();
     CQsScopedLock<CQsMutex> lock(registry.lock);
@@ -319,17 +328,28 @@ void RefuseRegistry(HKEY root, bool refuse)
         registry.refused[root == HKEY_LOCAL_MACHINE] = refuse;
 }
 
-bool ListRegistry(HKEY root, std::vector<SRegistryValue>& values, std::string& error)
+bool ListRegistry(HKEY root, const wchar_t* subKey, std::vector<SRegistryValue>& values, std::string& error)
 {
     values.clear();
     error.clear();
-    const std::string file = GetRegistryFile(root);
+    const std::string file = RegistryPlace(root);
+    const std::u16string path = QsToUtf16(subKey ? subKey : L"");
+    RegistryPath parts;
+    if (!SplitRegistryPath(path, parts))
+    {
+        error = file + ": expected the path of a key, found \"" + ToUtf8(path) + "\"";
+        return false;
+    }
     SRegistryNode node;
     CQsScopedLock<CQsMutex> lock(Registry().lock);
     const ERegistryFile state = ReadRegistryFile(file, node, error);
     if (state == ERegistryFile::Damaged || state == ERegistryFile::Unreadable)
         return false;
-    ListBelow(node, {}, values);
+    std::string key;
+    for (const std::u16string& part : parts)
+        key += (key.empty() ? "" : "\\") + ToUtf8(part);
+    if (const SRegistryNode* const found = FindRegistryKey(node, parts))
+        ListBelow(*found, key, values);
     return true;
 }
 

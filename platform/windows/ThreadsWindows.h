@@ -1,16 +1,55 @@
-// The threads library on Windows with MinGW's POSIX threads: gives its thread handle, the native handle of a thread and
-// the timed wait the names that ThreadsPosix.h uses. A thread that is neither joined nor detached keeps its native
-// handle valid, so an ended one answers "ended" to every wait.
+// The threads library on Windows: POSIX threads, the waitable handle of a thread and a timed wait for it.
+//
+// Each library calls these as its own. The classic port of POSIX threads has them, with a structure for a thread handle;
+// MinGW's library does not, and there they are made of what it has.
 #pragma once
 
+#include "platform/Win32.h"
+
+#include <pthread.h>
+
+#ifdef WIN_PTHREADS_H
+
 #include <cerrno>
+#include <memory>
 
-using QsThread = pthread_t;
+// What is waited for. A thread of this library that is neither joined nor detached keeps a handle of the system and some
+// memory until the process ends, and nobody joins a worker; so the thread is detached, and a second handle is its
+// QsThreads'.
+using QsThread = std::shared_ptr<void>;
 
-// Waitable handle of the thread, null for none.
-inline HANDLE pthread_getw32threadhandle_np(QsThread thread)
+// As the library's function of that name. The thread is detached: nothing is left to join. 0, or an error number.
+inline int pthread_create(QsThread* thread, const pthread_attr_t* attributes, void* (*start)(void*), void* argument)
 {
-    return thread ? pthread_gethandle(thread) : nullptr;
+    if (thread == nullptr || start == nullptr)
+        return EINVAL;
+    // It must not be gone before its handle is taken.
+    pthread_attr_t joinable;
+    if (attributes != nullptr)
+    {
+        joinable = *attributes;
+        pthread_attr_setdetachstate(&joinable, PTHREAD_CREATE_JOINABLE);
+    }
+    pthread_t created;
+    const int error = pthread_create(&created, attributes != nullptr ? &joinable : nullptr, start, argument);
+    if (error != 0)
+        return error;
+    const HANDLE library = pthread_gethandle(created);
+    HANDLE own = nullptr;
+    if (DuplicateHandle(GetCurrentProcess(), library, GetCurrentProcess(), &own, SYNCHRONIZE, FALSE, 0))
+    {
+        thread->reset(own, [](HANDLE handle) { CloseHandle(handle); });
+        pthread_detach(created);
+    }
+    else
+        thread->reset(library, [](HANDLE) {}); // the thread runs already: rather keep it than lose sight of it
+    return 0;
+}
+
+// Waitable handle of the thread, null for none. Valid while a copy of the QsThread exists.
+inline HANDLE pthread_getw32threadhandle_np(const QsThread& thread)
+{
+    return thread.get();
 }
 
 // 0 when the object is signalled (a thread: has ended), ETIMEDOUT after `milliseconds`, EINVAL for a bad handle.
@@ -26,3 +65,9 @@ inline int pthreadCancelableTimedWait(HANDLE handle, DWORD milliseconds)
         return EINVAL;
     }
 }
+
+#else
+
+using QsThread = pthread_t;
+
+#endif

@@ -1,7 +1,7 @@
 // An abort must get through to every device of a beampath: while a device is inside its begin, while the beampath is
 // being rebuilt, and before a device has begun at all.
-#include "platform/posix/Control.h"
 #include "tests/support/BeampathFixture.h"
+#include "tests/support/SystemFaults.h"
 
 #include <future>
 
@@ -287,9 +287,9 @@ TEST_F(Abort, ReachesEveryDeviceWhereThePoolTakesNoMoreItems)
 {
     const Devices devices = MakeBeampath(3);
     Result begin = BeginForEver(devices);
-    QsPlatform::FailPoolItems(1000);
+    FailPoolItems(1000);
     EXPECT_EQ(0, BeampathDevice().StimulationAbort());
-    QsPlatform::FailPoolItems(0);
+    FailPoolItems(0);
     EXPECT_EQ(0, Get(begin));
     for (const CScriptedDevice* const device : devices)
         EXPECT_EQ(1u, device->log.Count("StimulationAbort()"));

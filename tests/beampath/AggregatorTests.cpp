@@ -2,6 +2,7 @@
 #include "manager/StimulationManager.h"
 #include "standalone/DiagnosticLog.h"
 #include "tests/support/DeviceFixture.h"
+#include "tests/support/OwnRegistry.h"
 
 #include <gmock/gmock.h>
 
@@ -43,7 +44,7 @@ protected:
         s_fired.clear();
     }
 
-    const QsTest::CTemporaryRegistry m_registry;
+    const QsTest::COwnRegistry m_registry;
     QsTest::DevicePtr m_device;
 };
 

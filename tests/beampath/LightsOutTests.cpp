@@ -1,7 +1,7 @@
 // No light stays on, and no thread waits for ever, when operations of one beampath meet.
 #include "tests/support/BeampathFixture.h"
 
-#include "platform/posix/Control.h"
+#include "tests/support/SystemFaults.h"
 
 #include <future>
 
@@ -185,9 +185,9 @@ TEST_F(LightsOut, OfEveryDeviceWhereOneEndCannotBeQueuedAndItsDeviceHangs)
         EXPECT_TRUE(devices[1]->log.WaitFor("StimulationEnd(1)")); // not held up by this one
         return 0;
     };
-    QsPlatform::FailPoolItems(1);
+    FailPoolItems(1);
     EXPECT_EQ(0, BeampathDevice().StimulationEnd(nullptr, nullptr, 0));
-    QsPlatform::FailPoolItems(0);
+    FailPoolItems(0);
     for (CHookedDevice* const device : devices)
         EXPECT_FALSE(device->IsLit());
     devices[0]->onEnd = nullptr;

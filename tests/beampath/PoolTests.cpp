@@ -3,9 +3,9 @@
 #include "tests/support/BeampathFixture.h"
 
 #include "device/ShutterStimulationDevice.h"
-#include "platform/posix/Control.h"
 #include "standalone/DeviceManager.h"
 #include "standalone/Journal.h"
+#include "tests/support/SystemFaults.h"
 
 #include <future>
 #include <stdexcept>
@@ -50,10 +50,10 @@ private:
 class Pool : public BeampathTest
 {
 public:
-    Pool() : m_deleted(QsPlatform::DeletedObjects()), m_closed(QsPlatform::ClosedHandles()) {}
+    Pool() : m_deleted(DeletedObjects()), m_closed(ClosedHandles()) {}
 
-    std::uint64_t Deleted() const { return QsPlatform::DeletedObjects() - m_deleted; }
-    std::uint64_t Closed() const { return QsPlatform::ClosedHandles() - m_closed; }
+    std::uint64_t Deleted() const { return DeletedObjects() - m_deleted; }
+    std::uint64_t Closed() const { return ClosedHandles() - m_closed; }
 
 protected:
     CWatchdog m_watchdog{"a beampath on the pool"};
@@ -269,7 +269,7 @@ TEST_F(Pool, ThatTakesNoItemStartsNoLightAndSaysSo)
 {
     const Devices devices = MakeBeampath(3);
     const auto begin = std::chrono::steady_clock::now();
-    QsPlatform::FailPoolItems(3);
+    FailPoolItems(3);
     EXPECT_EQ(0, BeampathDevice().StimulationBegin(Phase(60000.0)));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60)); // nobody to wait for
     EXPECT_THAT(Lines(s_aggregatorUnit), Not(IsEmpty()));
@@ -284,7 +284,7 @@ TEST_F(Pool, ThatTakesNoItemStartsNoLightAndSaysSo)
 TEST_F(Pool, ThatTakesOneItemLessBeginsTheOtherDevices)
 {
     const Devices devices = MakeBeampath(3);
-    QsPlatform::FailPoolItems(1);
+    FailPoolItems(1);
     EXPECT_EQ(0, BeampathDevice().StimulationBegin(Phase(60000.0)));
     EXPECT_EQ(0u, LineCount(s_aggregatorUnit, s_timeout));
     std::size_t begun = 0;
@@ -302,9 +302,9 @@ TEST_F(Pool, WithoutEventsLeavesNoLightOnAndWaitsForNobody)
     for (const unsigned failures : {1u, 2u})
     {
         SCOPED_TRACE(failures);
-        QsPlatform::FailEventCreations(failures);
+        FailEventCreations(failures);
         EXPECT_EQ(0, BeampathDevice().StimulationBegin(Continuous()));
-        QsPlatform::FailEventCreations(0);
+        FailEventCreations(0);
         // A wait for an event that is none fails at once and would be taken for devices that are too slow.
         EXPECT_EQ(0u, LineCount(s_aggregatorUnit, s_timeout));
         EXPECT_TRUE(CHostCalls::WaitForPool());
@@ -321,7 +321,7 @@ TEST_F(Pool, ThatTakesNothingDoesNotKeepALightOn)
     EXPECT_EQ(0, BeampathDevice().StimulationBegin(Continuous()));
     for (const CScriptedDevice* const device : devices)
         ASSERT_TRUE(device->IsLit());
-    QsPlatform::FailPoolItems(3);
+    FailPoolItems(3);
     EXPECT_EQ(0, BeampathDevice().StimulationEnd(nullptr, nullptr, 0));
     EXPECT_TRUE(CHostCalls::WaitForPool());
     for (const CScriptedDevice* const device : devices)
@@ -333,7 +333,7 @@ TEST_F(Pool, WithoutEventsDoesNotKeepALightOn)
 {
     const Devices devices = MakeBeampath(2);
     EXPECT_EQ(0, BeampathDevice().StimulationBegin(Continuous()));
-    QsPlatform::FailEventCreations(2);
+    FailEventCreations(2);
     EXPECT_EQ(0, BeampathDevice().StimulationEnd(nullptr, nullptr, 0));
     EXPECT_TRUE(CHostCalls::WaitForPool());
     for (const CScriptedDevice* const device : devices)

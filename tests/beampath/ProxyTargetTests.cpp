@@ -1,7 +1,7 @@
 // How a sub-beampath finds its device in the database, keeps it and gives it back, and that every operation is the
 // device's.
-#include "platform/posix/Control.h"
 #include "tests/support/BeampathFixture.h"
+#include "tests/support/SystemFaults.h"
 
 #include <array>
 #include <future>
@@ -657,15 +657,15 @@ TEST_F(ProxyTarget, ThatIsFoundDuringTheWaitDoesNotKeepAnAbortFromEndingIt)
 
 TEST_F(ProxyTarget, IsNotNeededByASubbeampathWithoutAnEventToWaitWith)
 {
-    QsPlatform::FailEventCreations(1);
+    FailEventCreations(1);
     auto proxy = MakeProxy();
-    const std::uint64_t closed = QsPlatform::ClosedHandles();
+    const std::uint64_t closed = ClosedHandles();
     EXPECT_EQ(0, proxy->SetStimulationSubbeampathId(51));
     EXPECT_EQ(0, proxy->StimulationBegin(Phase(5.0)));
     EXPECT_EQ(0, proxy->StimulationAbort());
     EXPECT_EQ(0, proxy->StimulationEnd(nullptr, nullptr, 0));
     proxy.reference.reset();
-    EXPECT_EQ(closed, QsPlatform::ClosedHandles());
+    EXPECT_EQ(closed, ClosedHandles());
 }
 
 // A command function of the host may come back to the sub-beampath on another thread.

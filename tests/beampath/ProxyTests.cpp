@@ -1,10 +1,11 @@
 #include "beampath/StimulationDeviceProxy.h"
 #include "manager/StimulationManager.h"
-#include "platform/posix/Control.h"
 #include "standalone/DiagnosticLog.h"
 #include "standalone/HostControl.h"
 #include "tests/support/DeviceFixture.h"
 #include "tests/support/FakeDevice.h"
+#include "tests/support/OwnRegistry.h"
+#include "tests/support/SystemFaults.h"
 
 #include <gmock/gmock.h>
 
@@ -47,7 +48,7 @@ protected:
     void SetUp() override { ASSERT_NE(nullptr, m_device); }
     CQsStimulationDeviceProxy& Get() { return dynamic_cast<CQsStimulationDeviceProxy&>(*m_device); }
 
-    const QsTest::CTemporaryRegistry m_registry;
+    const QsTest::COwnRegistry m_registry;
     QsTest::DevicePtr m_device;
 };
 
@@ -221,10 +222,10 @@ TEST_F(Proxy, LogsItsMakingAndItsEndAndClosesItsEvent)
     ASSERT_NE(nullptr, device);
     const std::wstring made = L"CQsStimulationDeviceProxy::CQsStimulationDeviceProxy - ";
     EXPECT_THAT(LoggedBy(L"StimulationDeviceProxy"), ElementsAre(made + L"begin", made + L"end"));
-    const std::uint64_t closed = QsPlatform::ClosedHandles();
+    const std::uint64_t closed = QsTest::ClosedHandles();
     device.reset();
     const std::wstring gone = L"CQsStimulationDeviceProxy::~CQsStimulationDeviceProxy - ";
     EXPECT_THAT(LoggedBy(L"StimulationDeviceProxy"),
                 ElementsAre(made + L"begin", made + L"end", gone + L"begin", gone + L"end"));
-    EXPECT_EQ(closed + 1, QsPlatform::ClosedHandles());
+    EXPECT_EQ(closed + 1, QsTest::ClosedHandles());
 }

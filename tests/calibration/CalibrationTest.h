@@ -4,10 +4,10 @@
 #include "calibration/StimulationDeviceCalibration.h"
 #include "standalone/HostControl.h"
 #include "tests/calibration/Snapshots.h"
-#include "tests/standalone/core_TemporaryFolder.h"
 #include "tests/support/FakeCalibrationOwner.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Numbers.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 

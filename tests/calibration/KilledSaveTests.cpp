@@ -1,12 +1,9 @@
 // Programs that are killed while they save a calibration.
-#include "platform/posix/Control.h"
+#include "platform/AtomicFile.h"
 #include "tests/calibration/CalibrationTest.h"
-
-#include <sys/wait.h>
-#include <unistd.h>
+#include "tests/support/ChildProcess.h"
 
 #include <algorithm>
-#include <csignal>
 #include <filesystem>
 
 namespace QsTest {
@@ -26,7 +23,7 @@ void NoteStep(const char* step)
 void KillAtStep(const char*)
 {
     if (--g_stepsLeft == 0)
-        kill(getpid(), SIGKILL);
+        KillThisProcess();
 }
 
 // A matrix whose elements all differ, none of them from 0.
@@ -39,6 +36,19 @@ void Measure(Calibration& calibration, double first)
 {
     calibration.SetCalibrationCamToDMD(Numbered(first));
     calibration.SetCalibrationDMDToCam(Numbered(first + 10));
+}
+
+// Saves the newer key into the file, and is killed after so many steps.
+QS_CHILD_PROCESS(SavesAndIsKilled)
+{
+    CFakeCalibrationOwner owner;
+    owner.file = CQsStringW::FromUtf8(arguments.at(0));
+    g_stepsLeft = std::stoul(arguments.at(1));
+    QsPlatform::OnFileReplacementStep(KillAtStep);
+    Calibration calibration(&owner);
+    Measure(calibration, 300);
+    calibration.SaveCalibrationMatrices(s_newer);
+    return 0;
 }
 
 } // namespace
@@ -62,24 +72,15 @@ protected:
 
     std::size_t FilesInFolder() const
     {
-        const std::filesystem::directory_iterator files(m_folder.Path());
+        const std::filesystem::directory_iterator files(std::filesystem::u8path(m_folder.Path()));
         return static_cast<std::size_t>(std::distance(begin(files), end(files)));
     }
 
     // Ends as the process that saves the newer key is killed after so many steps; false when it was not.
-    bool SaveInAProcessThatIsKilled(std::size_t afterSteps)
+    bool SaveInAProcessThatIsKilled(std::size_t afterSteps) const
     {
-        const pid_t child = fork();
-        if (child == 0)
-        {
-            g_stepsLeft = afterSteps;
-            QsPlatform::OnFileReplacementStep(KillAtStep);
-            Measure(m_calibration, 300);
-            m_calibration.SaveCalibrationMatrices(s_newer);
-            _exit(0);
-        }
-        int status = 0;
-        return waitpid(child, &status, 0) == child && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+        CChildProcess child("SavesAndIsKilled", {File(), std::to_string(afterSteps)});
+        return !child.Wait().has_value();
     }
 };
 

@@ -1,8 +1,6 @@
 // Several calibrations that keep what they save in one file: devices of one microscope, and programs beside each other.
 #include "tests/calibration/CalibrationTest.h"
-
-#include <sys/wait.h>
-#include <unistd.h>
+#include "tests/support/ChildProcess.h"
 
 #include <thread>
 
@@ -37,6 +35,14 @@ std::size_t KeysOf(const CQsStringW& file, const wchar_t* device)
     return CSettings(owner).Keys().size();
 }
 
+// Saves all that a device has into the file, as soon as the parent has come to the folder.
+QS_CHILD_PROCESS(SavesAll)
+{
+    if (!Meet(arguments.at(1), "child", "parent"))
+        return 2;
+    return SaveAll(CQsStringW::FromUtf8(arguments.at(0)), L"child") ? 0 : 1;
+}
+
 } // namespace
 
 class SharedFile : public CalibrationTest
@@ -58,14 +64,11 @@ TEST_F(SharedFile, LosesNothingWhenTwoDevicesSaveAtOnce)
 
 TEST_F(SharedFile, LosesNothingWhenTwoProgramsSaveAtOnce)
 {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0)
-        _exit(SaveAll(m_owner.file, L"child") ? 0 : 1);
+    const CTemporaryFolder meeting;
+    CChildProcess child("SavesAll", {File(), meeting.Path()});
+    ASSERT_TRUE(Meet(meeting.Path(), "parent", "child"));
     EXPECT_TRUE(SaveAll(m_owner.file, L"parent"));
-    int status = -1;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(0, child.Wait());
     EXPECT_EQ(static_cast<std::size_t>(s_saves), KeysOf(m_owner.file, L"child"));
     EXPECT_EQ(static_cast<std::size_t>(s_saves), KeysOf(m_owner.file, L"parent"));
 }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "standalone/HostControl.h"
-#include "tests/standalone/core_TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace QsTest {
 

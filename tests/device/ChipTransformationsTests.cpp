@@ -2,7 +2,7 @@
 #include "device/ChipTransformations.h"
 #include "host/QsPluginManager.h"
 #include "tests/support/HostCalls.h"
-#include "tests/support/HostFunction.h"
+#include "tests/support/Interposition.h"
 #include "tests/support/ReferenceGeometry.h"
 
 #include <gmock/gmock.h>
@@ -163,11 +163,10 @@ protected:
 
 } // namespace
 
-int CQsMKL_API::InvertMatrix(double* out, const double* in, int order)
+QS_IN_PLACE_OF(Invert, int, CQsMKL_API::InvertMatrix, (double* out, const double* in, int order))
 {
-    static const auto real = HostFunction(&CQsMKL_API::InvertMatrix);
     if (!s_bHostInvertsToNaN)
-        return real(out, in, order);
+        return QS_REAL(Invert)(out, in, order);
     std::fill_n(out, order * order, std::numeric_limits<double>::quiet_NaN());
     return 0;
 }
@@ -415,8 +414,8 @@ TEST_F(ChipTransformations, KeepBoundsWithinWholeNumbers)
     EXPECT_EQ(static_cast<double>(low), LeftTop(ChipFrom(one, s_pi / 4.0, nullptr, &all), 1.0).x);
     EXPECT_EQ(static_cast<double>(low), LeftTop(ChipFrom(one, -s_pi / 4.0, nullptr, &all), 1.0).y);
     // All three corners beyond the other end.
-    const IntRect far{high, high, high, high};
-    EXPECT_EQ(static_cast<double>(high), LeftTop(ChipFrom(one, s_pi / 4.0, nullptr, &far), 1.0).x);
+    const IntRect farAway{high, high, high, high};
+    EXPECT_EQ(static_cast<double>(high), LeftTop(ChipFrom(one, s_pi / 4.0, nullptr, &farAway), 1.0).x);
 }
 
 TEST_F(ChipTransformations, TakeABoundThatIsNoNumberForZero)

@@ -49,8 +49,8 @@ SRegisteredClass Describe(const char* name, QsClassConstructor constructor, cons
 
 #define QS_DESCRIBE(Class, friendlyName, vector)                                                                       \
     Describe(#Class, &QS_ConstructorFor##Class, Class::GetCQsClassInfo(), sizeof(Class),                               \
-             QsClassRecords::MakePair(QS_CLASS_PARENTS_RECORD(Class, "IQsStimulationDevice"),                          \
-                                      QS_CLASS_VERSION_RECORD(Class, 1, friendlyName)),                                \
+             QsClassRecords::SPair{QS_CLASS_PARENTS_RECORD(Class, "IQsStimulationDevice"),                             \
+                                   QS_CLASS_VERSION_RECORD(Class, 1, friendlyName)},                                   \
              vector)
 
 class RegisteredClass : public testing::TestWithParam<SRegisteredClass>
@@ -161,9 +161,9 @@ TEST_P(RegisteredClass, RecordsHaveTheTextsThatLoadersMatch)
 TEST(ClassRecords, TakeTheBytesThatTheirTextsGive)
 {
     // By hand: 513 characters and the terminator are 1028 bytes, padded to 1040; 231 are 464, a multiple of 16 already.
-    const auto pair =
-        QsClassRecords::MakePair(QS_CLASS_PARENTS_RECORD(CQsShutterStimulationDevice, "IQsStimulationDevice"),
-                                 QS_CLASS_VERSION_RECORD(CQsShutterStimulationDevice, 1, "Shutter Stimulation device"));
+    const QsClassRecords::SPair pair = {
+        QS_CLASS_PARENTS_RECORD(CQsShutterStimulationDevice, "IQsStimulationDevice"),
+        QS_CLASS_VERSION_RECORD(CQsShutterStimulationDevice, 1, "Shutter Stimulation device")};
     EXPECT_EQ(513u, std::u16string(pair.parents).size());
     EXPECT_EQ(231u, std::u16string(pair.version).size());
     EXPECT_EQ(1040u + 464u, sizeof(pair));

@@ -6,6 +6,7 @@
 #include "standalone/DeviceManager.h"
 #include "tests/support/DeviceFixture.h"
 #include "tests/support/FakeDevice.h"
+#include "tests/support/OwnRegistry.h"
 
 #include <gmock/gmock.h>
 
@@ -73,7 +74,7 @@ public:
     }
 
 private:
-    QsTest::CTemporaryRegistry m_registry;
+    QsTest::COwnRegistry m_registry;
 };
 
 class DeviceConformance : public testing::TestWithParam<SConformance>

@@ -1,6 +1,7 @@
 #include "tests/support/DeviceFixture.h"
 #include "tests/support/FakeDevice.h"
 #include "tests/support/ManagerTestAccess.h"
+#include "tests/support/OwnRegistry.h"
 
 #include <gmock/gmock.h>
 
@@ -27,7 +28,7 @@ TEST(DeviceStateChange, IsIgnoredWithoutAManagerAndMakesNone)
 
 TEST(DeviceStateChange, OfTheActiveDeviceReachesTheCallbacksAndOfAnotherDoesNot)
 {
-    const QsTest::CTemporaryRegistry registry;
+    const QsTest::COwnRegistry registry;
     const auto active = QsTest::Ref<QsTest::CQsFakeDevice>::Make(L"A");
     const auto other = QsTest::Ref<QsTest::CQsFakeDevice>::Make(L"B");
     Manager& manager = *Manager::GetInstance();
@@ -45,7 +46,7 @@ TEST(DeviceStateChange, OfTheActiveDeviceReachesTheCallbacksAndOfAnotherDoesNot)
 
 TEST(DeviceStateChange, IsIgnoredWhenTheManagerIsGone)
 {
-    const QsTest::CTemporaryRegistry registry;
+    const QsTest::COwnRegistry registry;
     Manager::GetInstance()->AddCallbackForDeviceStateChange(&OnState);
     CQsStimulationDeviceManagerTestAccess::DeleteInstance();
     ASSERT_EQ(nullptr, Manager::InstanceIfExists());

@@ -3,6 +3,7 @@
 #include "standalone/DeviceManager.h"
 #include "standalone/HostControl.h"
 #include "tests/support/DeviceFixture.h"
+#include "tests/support/OwnRegistry.h"
 
 #include <gmock/gmock.h>
 
@@ -136,7 +137,7 @@ TEST(Multilaser, CopiesCarryIdentityAndDriver)
 
 TEST(Multilaser, RegistrationNeedsTheDeviceDatabaseEvenWithAManager)
 {
-    const QsTest::CTemporaryRegistry registry;
+    const QsTest::COwnRegistry registry;
     CQsMultilaserStimulationDevice device;
     EXPECT_EQ(-12, device.RegisterSimpleStimulationDevice());
     EXPECT_EQ(-12, device.UnregisterSimpleStimulationDevice());
@@ -166,7 +167,7 @@ public:
 
 TEST(Multilaser, TwoPlainUnitsShareOneEntryOfTheDeviceMap)
 {
-    const QsTest::CTemporaryRegistry registry;
+    const QsTest::COwnRegistry registry;
     Manager& manager = *Manager::GetInstance();
     QsStandalone::SetDeviceDatabaseInitialized(true); // after the manager, which so stays outside database mode
     CConnectedUnit units[2];

@@ -1,11 +1,12 @@
 #include "device/ShutterStimulationDevice.h"
 #include "manager/StimulationManager.h"
-#include "platform/posix/Control.h"
 #include "standalone/DeviceManager.h"
 #include "standalone/HostControl.h"
 #include "standalone/Journal.h"
 #include "tests/support/DeviceFixture.h"
 #include "tests/support/FakeDevice.h"
+#include "tests/support/OwnRegistry.h"
+#include "tests/support/SystemFaults.h"
 
 #include <gmock/gmock.h>
 
@@ -386,7 +387,7 @@ TEST_F(Shutter, RegistersWithTheManagerWhenItIsAttached)
     EXPECT_EQ(-9, m_shutter->UnregisterSimpleStimulationDevice());
     EXPECT_EQ(nullptr, Manager::InstanceIfExists());
 
-    const QsTest::CTemporaryRegistry registry;
+    const QsTest::COwnRegistry registry;
     Manager& manager = *Manager::GetInstance();
     EXPECT_EQ(0, m_shutter->AttachShutter(s_id));
     EXPECT_EQ(2u, QsStandalone::ReferenceCount(m_device.get()));
@@ -403,16 +404,16 @@ TEST_F(Shutter, RegistersWithTheManagerWhenItIsAttached)
 
 TEST_F(Shutter, LeavesItsEventOpenWhenItGoes)
 {
-    const std::uint64_t closed = QsPlatform::ClosedHandles();
+    const std::uint64_t closed = QsTest::ClosedHandles();
     const std::size_t alive = QsStandalone::LiveObjectCount();
     m_device.reset();
     EXPECT_EQ(alive - 1, QsStandalone::LiveObjectCount());
-    EXPECT_EQ(closed, QsPlatform::ClosedHandles());
+    EXPECT_EQ(closed, QsTest::ClosedHandles());
 }
 
 TEST_F(Shutter, WithoutAnEventATimedStimulationIsClosedAtOnce)
 {
-    QsPlatform::FailEventCreations(1);
+    QsTest::FailEventCreations(1);
     const QsTest::DevicePtr device = QsTest::CreateDevice("CQsShutterStimulationDevice");
     ASSERT_NE(nullptr, device);
     dynamic_cast<CQsShutterStimulationDevice&>(*device).AttachShutter(s_id);

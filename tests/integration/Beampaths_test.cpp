@@ -1,6 +1,9 @@
 // Beampaths, optical configurations and stimulation groups from the command line, on a device database.
 #include "tests/integration/Stimhost.h"
 
+#include <QSqlDatabase>
+#include <QSqlQuery>
+
 #include <gmock/gmock.h>
 
 using testing::AllOf;
@@ -196,10 +199,13 @@ TEST_F(OCCommands, ThatCannotBeStoredIsNotSaidToBeStored)
 {
     const std::string database = BeampathDatabase();
     ASSERT_EQ(0, Stimhost({"oc", "set", "Both:old", "--rig", BeampathRig(), "--database", database}).exitCode);
-    // No file may grow, and none be written beyond its first blocks: as on a full disk.
-    const SOutcome outcome = RunProgram("/bin/sh", {"-c", "ulimit -f 1; exec " QS_BIN "/stimhost --registry '" +
-                                                              Path("registry") + "' --rig '" + BeampathRig() +
-                                                              "' --database '" + database + "' oc set Late:new"});
+    QSqlDatabase writer = QSqlDatabase::addDatabase("QSQLITE", "writer");
+    writer.setDatabaseName(QString::fromStdString(database.substr(database.find(':') + 1)));
+    ASSERT_TRUE(writer.open());
+    ASSERT_TRUE(QSqlQuery(writer).exec("BEGIN IMMEDIATE")); // others can read, and wait in vain to write
+    const SOutcome outcome =
+        Stimhost({"oc", "set", "Late:new", "--rig", BeampathRig(), "--database", database});
+    writer.close();
     EXPECT_EQ(2, outcome.exitCode) << outcome.err;
     EXPECT_THAT(outcome.err, HasSubstr("\"Late:new\" cannot be stored: "));
     EXPECT_EQ("", outcome.out);

@@ -1,12 +1,10 @@
-// Ctrl-C: on systems that have signals.
+// Ctrl-C, and the request to end.
+#include "tests/integration/Interruption.h"
 #include "tests/integration/Stimhost.h"
 
-#include <QDir>
 #include <QElapsedTimer>
 
-#include <csignal>
 #include <gmock/gmock.h>
-#include <signal.h>
 
 using testing::HasSubstr;
 
@@ -33,7 +31,7 @@ bool WaitForLine(QProcess& process, const QByteArray& text, QByteArray& seen)
 
 TEST_F(Interrupt, EndsALongStimulationPromptlyWithNoLightOn)
 {
-    for (const int number : {SIGINT, SIGTERM})
+    for (const auto send : {&SendInterrupt, &SendRequestToEnd})
         for (const char* kind : {"timed", "continuous"})
         {
             QProcess process;
@@ -43,7 +41,7 @@ TEST_F(Interrupt, EndsALongStimulationPromptlyWithNoLightOn)
             ASSERT_TRUE(WaitForLine(process, "end, QS_OK", err)) << err.toStdString(); // its device is active
             QElapsedTimer timer;
             timer.start();
-            ASSERT_EQ(0, ::kill(static_cast<pid_t>(process.processId()), number));
+            ASSERT_TRUE(send(process));
             ASSERT_TRUE(process.waitForFinished(30000)) << kind;
             EXPECT_LT(timer.elapsed(), 20000) << kind;
             EXPECT_EQ(QProcess::NormalExit, process.exitStatus());
@@ -62,53 +60,72 @@ TEST_F(Interrupt, EndsACalibrationPromptlyWithNoLightOnAndNothingSaved)
     ASSERT_TRUE(WaitForLine(process, "Flip matrix updated", err)) << err.toStdString(); // then come the spots
     QElapsedTimer timer;
     timer.start();
-    ASSERT_EQ(0, ::kill(static_cast<pid_t>(process.processId()), SIGINT));
+    ASSERT_TRUE(SendInterrupt(process));
     ASSERT_TRUE(process.waitForFinished(30000));
     EXPECT_LT(timer.elapsed(), 20000);
     EXPECT_EQ(QProcess::NormalExit, process.exitStatus());
     EXPECT_EQ(1, process.exitCode());
     EXPECT_FALSE((err + process.readAllStandardError()).contains("a light was still on"));
-    EXPECT_TRUE(QDir(QString::fromStdString(Path("settings"))).isEmpty());
+    EXPECT_TRUE(IsEmptyFolder("settings"));
 }
 
 TEST_F(Interrupt, EndsABeampathPromptlyWithEveryDeviceDarkAndNoFileLeft)
 {
-    ASSERT_TRUE(QDir().mkdir(QString::fromStdString(Path("temporary"))));
+    const std::vector<std::string> environment = TemporaryFolder("temporary");
     for (const char* kind : {"timed", "continuous"})
     {
         QProcess process;
         ASSERT_NO_FATAL_FAILURE(Start(process,
                                       {"stimulate", "--rig", BeampathRig(), "--oc", "Both:x", "--kind", kind,
                                        "--duration", "60000", "--report", Path("r.json"), "--verbose"},
-                                      {"TMPDIR=" + Path("temporary")}));
+                                      environment));
         QByteArray err;
         ASSERT_TRUE(WaitForLine(process, "StimulationBeginAsync: Windows Threadpool thread", err)) << err.toStdString();
         QElapsedTimer timer;
         timer.start();
-        ASSERT_EQ(0, ::kill(static_cast<pid_t>(process.processId()), SIGINT));
+        ASSERT_TRUE(SendInterrupt(process));
         ASSERT_TRUE(process.waitForFinished(30000)) << kind;
         EXPECT_LT(timer.elapsed(), 20000) << kind;
         EXPECT_EQ(QProcess::NormalExit, process.exitStatus());
         EXPECT_EQ(1, process.exitCode());
         EXPECT_FALSE((err + process.readAllStandardError()).contains("a light was still on")) << kind;
         EXPECT_EQ(0u, ParsedJson(ReadWhole(Path("r.json")))["lightOnAtEnd"].Size()) << kind;
-        EXPECT_TRUE(QDir(QString::fromStdString(Path("temporary"))).isEmpty()) << kind;
+        EXPECT_TRUE(IsEmptyFolder("temporary")) << kind;
     }
 }
 
-TEST_F(Interrupt, ComingTwiceStillPutsEveryDeviceOutAndLeavesNoFile)
+TEST_F(Interrupt, ComingTwiceStillPutsEveryDeviceOutAndTheNextRunFindsNoFileLeft)
 {
-    ASSERT_TRUE(QDir().mkdir(QString::fromStdString(Path("temporary"))));
+    const std::vector<std::string> environment = TemporaryFolder("temporary");
     QProcess process;
     ASSERT_NO_FATAL_FAILURE(
         Start(process, {"stimulate", "--rig", BeampathRig(), "--oc", "Both:x", "--duration", "60000", "--verbose"},
-              {"TMPDIR=" + Path("temporary")}));
+              environment));
     QByteArray err;
     ASSERT_TRUE(WaitForLine(process, "StimulationBeginAsync: Windows Threadpool thread", err)) << err.toStdString();
-    ASSERT_EQ(0, ::kill(static_cast<pid_t>(process.processId()), SIGINT));
-    ASSERT_EQ(0, ::kill(static_cast<pid_t>(process.processId()), SIGTERM));
+    ASSERT_TRUE(SendInterrupt(process));
+    ASSERT_TRUE(SendRequestToEnd(process));
     ASSERT_TRUE(process.waitForFinished(30000));
     EXPECT_EQ(QProcess::NormalExit, process.exitStatus());
     EXPECT_EQ(1, process.exitCode());
-    EXPECT_TRUE(QDir(QString::fromStdString(Path("temporary"))).isEmpty());
+    // Windows keeps files that are open, and then the process has no time to close them.
+    EXPECT_EQ(0, Stimhost({"beampaths", "--rig", BeampathRig()}, environment).exitCode);
+    EXPECT_TRUE(IsEmptyFolder("temporary"));
+}
+
+TEST_F(Interrupt, LeavesTheTemporaryFilesOfOthersAlone)
+{
+    const std::vector<std::string> environment = TemporaryFolder("temporary");
+    QProcess running;
+    ASSERT_NO_FATAL_FAILURE(
+        Start(running, {"stimulate", "--rig", BeampathRig(), "--oc", "Both:x", "--duration", "60000", "--verbose"},
+              environment));
+    QByteArray err;
+    ASSERT_TRUE(WaitForLine(running, "StimulationBeginAsync: Windows Threadpool thread", err)) << err.toStdString();
+    EXPECT_EQ(0, Stimhost({"beampaths", "--rig", BeampathRig()}, environment).exitCode);
+    EXPECT_FALSE(IsEmptyFolder("temporary"));
+    ASSERT_TRUE(SendInterrupt(running));
+    ASSERT_TRUE(running.waitForFinished(30000));
+    EXPECT_EQ(1, running.exitCode());
+    EXPECT_TRUE(IsEmptyFolder("temporary"));
 }

@@ -1,37 +1,33 @@
-// The built module as its file: what it exports, and the class records that loaders read out of it.
+// What the built module exports, out of its file.
+#include "tests/integration/ModuleImage.h"
 #include "tests/integration/Stimhost.h"
-
-#include <QCryptographicHash>
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <memory>
 #include <regex>
 #include <set>
-#include <sstream>
 
-using testing::HasSubstr;
+#include <cxxabi.h>
+
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 
 namespace {
 
+// As people write them.
 std::set<std::string> DefinedSymbols()
 {
-    const SOutcome outcome = RunProgram(QS_NM, {"-D", "--defined-only", "-C", QS_MODULE});
-    EXPECT_EQ(0, outcome.exitCode) << outcome.err;
     std::set<std::string> symbols;
-    std::istringstream lines(outcome.out);
-    for (std::string line; std::getline(lines, line);)
+    const CModuleImage image(ReadWhole(QS_MODULE));
+    for (const std::string& name : image.ExportedNames())
     {
-        // Address, type, name.
-        std::istringstream fields(line);
-        std::string address;
-        std::string type;
-        std::string name;
-        fields >> address >> type >> std::ws;
-        std::getline(fields, name);
-        symbols.insert(name);
+        int status = 0;
+        const std::unique_ptr<char, void (*)(void*)> plain(
+            abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), &std::free);
+        symbols.insert(status == 0 && name.compare(0, 2, "_Z") == 0 ? plain.get() : name);
     }
     return symbols;
 }
@@ -67,16 +63,6 @@ TEST(ModuleFile, ExportsItsClassesAndNothingElse)
                          [&symbol](const std::regex& pattern) { return std::regex_match(symbol, pattern); }))
             foreign.push_back(symbol);
     EXPECT_THAT(foreign, IsEmpty());
-}
-
-TEST(ModuleFile, ExportsTheConstructorAndTheClassInformationOfEveryRegisteredClass)
-{
-    EXPECT_THAT(DefinedSymbols(),
-                IsSupersetOf({"sm_classCQsShutterStimulationDevice", "sm_classCQsStimulationDeviceAggregator",
-                              "sm_classCQsStimulationDeviceProxy", "sm_classWcsCQsStimulationDeviceAggregator",
-                              "sm_classWcsCQsStimulationDeviceProxy", "QS_ConstructorForCQsShutterStimulationDevice",
-                              "QS_ConstructorForCQsStimulationDeviceAggregator",
-                              "QS_ConstructorForCQsStimulationDeviceProxy"}));
 }
 
 // What plug-ins derive from and copy.
@@ -156,59 +142,4 @@ TEST(ModuleFile, ExportsEveryPublicOperationOfTheManager)
     EXPECT_THAT(missing, IsEmpty());
     // The one name that stands for two.
     EXPECT_THAT(symbols, IsSupersetOf({manager + "GetActive()", manager + "GetActive(" + manager + "SQsInfo&)"}));
-}
-
-TEST(ModuleFile, KeepsTheClassRecordsInAWritableSectionOfTheirOwn)
-{
-    const SOutcome outcome = RunProgram(QS_READELF, {"-S", "-W", QS_MODULE});
-    ASSERT_EQ(0, outcome.exitCode) << outcome.err;
-    // [Nr] Name Type Address Off Size ES Flg Lk Inf Al
-    const std::regex section(
-        "\\] qsclass +PROGBITS +[0-9a-f]+ +[0-9a-f]+ +[0-9a-f]+ +[0-9a-f]+ +(\\w+) +\\d+ +\\d+ +(\\d+)");
-    std::smatch found;
-    ASSERT_TRUE(std::regex_search(outcome.out, found, section)) << outcome.out;
-    EXPECT_THAT(found[1].str(), HasSubstr("W"));
-    EXPECT_THAT(found[1].str(), HasSubstr("A"));
-    EXPECT_EQ(0, std::stoi(found[2].str()) % 16);
-}
-
-class ModuleRecords : public StimhostTest
-{};
-
-TEST_F(ModuleRecords, StandByteForByteAsLoadersMatchThem)
-{
-    const std::string dump = Path("qsclass");
-    const SOutcome outcome = RunProgram(QS_OBJCOPY, {"--dump-section", "qsclass=" + dump, QS_MODULE, Path("copy.so")});
-    ASSERT_EQ(0, outcome.exitCode) << outcome.err;
-    const std::string section = ReadWhole(dump);
-
-    const rapidjson::Document vectors = ParsedJson(ReadWhole(QS_VECTORS));
-    unsigned compared = 0;
-    for (const auto& vector : vectors["vectors"].GetArray())
-    {
-        if (std::string(vector["id"].GetString()).rfind("records-", 0) != 0)
-            continue;
-        const auto& texts = vector["output"]["texts"];
-        const auto& layout = vector["output"]["layout"];
-        ASSERT_EQ(2u, texts.Size());
-        ASSERT_EQ(2u, layout.Size());
-        std::string wide;
-        for (const char* c = texts[0].GetString(); *c != '\0'; ++c)
-            wide += {*c, '\0'};
-        const std::size_t start = section.find(wide);
-        ASSERT_NE(std::string::npos, start) << vector["name"].GetString();
-        EXPECT_EQ(0u, start % 16) << vector["name"].GetString();
-        for (const auto& record : layout.GetArray())
-        {
-            const std::size_t offset = start + record["offset"].GetUint();
-            const std::size_t padded = record["padded"].GetUint();
-            ASSERT_LE(offset + padded, section.size());
-            const QByteArray bytes(section.data() + offset, static_cast<int>(padded));
-            EXPECT_EQ(record["sha256"].GetString(),
-                      QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex().toStdString())
-                << vector["name"].GetString() << " at " << offset;
-            ++compared;
-        }
-    }
-    EXPECT_EQ(6u, compared); // two records of each of the three classes
 }

@@ -1,6 +1,9 @@
 #include "tests/integration/Stimhost.h"
 
+#include "tests/integration/Interruption.h"
+
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QProcessEnvironment>
 
@@ -42,11 +45,13 @@ QProcessEnvironment Environment(QProcessEnvironment environment, const std::vect
 } // namespace
 
 SOutcome RunProgram(const std::string& program, const std::vector<std::string>& arguments,
-                    const std::vector<std::string>& environment)
+                    const std::vector<std::string>& environment, const std::function<void(QProcess& process)>& prepare)
 {
     NeedApplication();
     QProcess process;
     process.setProcessEnvironment(Environment(process.processEnvironment(), environment));
+    if (prepare)
+        prepare(process);
     process.start(QString::fromStdString(program), Texts(arguments));
     SOutcome outcome;
     const bool ended = process.waitForStarted() && process.waitForFinished(60000);
@@ -64,7 +69,7 @@ SOutcome StimhostTest::Stimhost(const std::vector<std::string>& arguments, const
 {
     std::vector<std::string> all = {"--registry", Path("registry")};
     all.insert(all.end(), arguments.begin(), arguments.end());
-    return RunProgram(QS_BIN "/stimhost", all, environment);
+    return RunProgram(QS_STIMHOST, all, environment);
 }
 
 void StimhostTest::Start(QProcess& process, const std::vector<std::string>& arguments,
@@ -72,9 +77,21 @@ void StimhostTest::Start(QProcess& process, const std::vector<std::string>& argu
 {
     NeedApplication();
     process.setProcessEnvironment(Environment(process.processEnvironment(), environment));
-    process.start(QS_BIN "/stimhost",
+    MakeInterruptible(process);
+    process.start(QS_STIMHOST,
                   QStringList{"--registry", QString::fromStdString(Path("registry"))} + Texts(arguments));
     ASSERT_TRUE(process.waitForStarted());
+}
+
+std::vector<std::string> StimhostTest::TemporaryFolder(const std::string& name) const
+{
+    EXPECT_TRUE(QDir().mkdir(QString::fromStdString(Path(name))));
+    return {"TMPDIR=" + Path(name), "TMP=" + Path(name), "TEMP=" + Path(name)};
+}
+
+bool StimhostTest::IsEmptyFolder(const std::string& name) const
+{
+    return QDir(QString::fromStdString(Path(name))).isEmpty();
 }
 
 std::string StimhostTest::File(const std::string& name, const std::string& text) const

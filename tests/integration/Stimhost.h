@@ -1,6 +1,8 @@
 // Runs the built programs as a user does: as processes, with what they print and their exit codes.
 #pragma once
 
+#include "platform/RegistryControl.h"
+
 #include <QProcess>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -8,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,15 +22,17 @@ struct SOutcome
 };
 
 // Runs a program to its end, at most a minute. `environment` holds further settings, as NAME=VALUE; a database that the
-// caller's environment names does not reach it.
+// caller's environment names does not reach it. `prepare` gets the process before it is started.
 SOutcome RunProgram(const std::string& program, const std::vector<std::string>& arguments,
-                    const std::vector<std::string>& environment = {});
+                    const std::vector<std::string>& environment = {},
+                    const std::function<void(QProcess& process)>& prepare = {});
 
 // One stimhost with a registry and files of its own, in a folder that goes with the test.
 class StimhostTest : public testing::Test
 {
 protected:
     void SetUp() override { ASSERT_TRUE(m_folder.isValid()); }
+    void TearDown() override { QsPlatform::RemoveRegistriesIn(m_folder.path().toStdString()); }
 
     // Arguments after the registry of this test.
     SOutcome Stimhost(const std::vector<std::string>& arguments, const std::vector<std::string>& environment = {});
@@ -38,6 +43,9 @@ protected:
     {
         return m_folder.filePath(QString::fromStdString(name)).toStdString();
     }
+    // Makes the folder, and gives the environment of a program that puts its temporary files there.
+    std::vector<std::string> TemporaryFolder(const std::string& name) const;
+    bool IsEmptyFolder(const std::string& name) const;
     // Writes a file and gives its path.
     std::string File(const std::string& name, const std::string& text) const;
     // A rig of one shutter with id 1, named "Blue"; `faults` are further members of it.

@@ -1,7 +1,7 @@
 // Starting a timed stimulation, the worker of a single shot, and the abort from outside.
 #include "tests/manager/ManagerTest.h"
 
-#include "platform/posix/Control.h"
+#include "tests/support/SystemFaults.h"
 
 #include <future>
 
@@ -178,7 +178,7 @@ TEST_F(AsyncStimulation, IsNotStartedWhenItsThreadCannotBeMade)
 {
     CQsFakeDevice& device = Active(L"A");
     CFinish& finish = NewFinish();
-    QsPlatform::FailThreadCreations(1);
+    FailThreadCreations(1);
     EXPECT_EQ(-9, Start(finish));
     EXPECT_FALSE(Access::IsRequestPending(M()));
     EXPECT_THAT(device.log.Entries(), IsEmpty());

@@ -1,6 +1,7 @@
 #include "tests/manager/ManagerTest.h"
 
-#include "platform/posix/Control.h"
+#include "platform/Process.h"
+#include "tests/support/SystemFaults.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -229,11 +230,6 @@ CCallLog* ManagerTest::s_log = nullptr;
 
 ManagerTest::ManagerTest() : m_objectsBefore(QsStandalone::LiveObjectCount())
 {
-    std::string folder = (std::filesystem::temp_directory_path() / "qs-manager-XXXXXX").string();
-    if (mkdtemp(folder.data()) == nullptr)
-        throw std::runtime_error("cannot make " + folder);
-    m_folder = folder;
-    QsPlatform::SetRegistryFolders(m_folder + "/user", m_folder + "/machine");
     QsStandalone::CQsDiagnosticLog::ToMemory(true);
     // Has Qt make on this thread what it keeps until the process ends: the thread sanitizer does not see how Qt orders
     // the end of an object with that of the thread that made it.
@@ -243,8 +239,8 @@ ManagerTest::ManagerTest() : m_objectsBefore(QsStandalone::LiveObjectCount())
 
 ManagerTest::~ManagerTest()
 {
-    QsPlatform::RefuseRegistry(HKEY_CURRENT_USER, false);
-    QsPlatform::RefuseRegistry(HKEY_LOCAL_MACHINE, false);
+    RefuseRegistry(HKEY_CURRENT_USER, false);
+    RefuseRegistry(HKEY_LOCAL_MACHINE, false);
     EmptyManager();
     Access::DeleteInstance();
     for (const auto& device : m_devices)
@@ -254,8 +250,6 @@ ManagerTest::~ManagerTest()
     QsStandalone::SetTimeCounter(nullptr);
     QsStandalone::CQsDiagnosticLog::ToMemory(false);
     s_log = nullptr;
-    std::error_code ignored;
-    std::filesystem::remove_all(m_folder, ignored);
     EXPECT_EQ(m_objectsBefore, QsStandalone::LiveObjectCount()) << "references were lost";
 }
 
@@ -293,7 +287,7 @@ void ManagerTest::FreeDevices()
 
 CQsStringW ManagerTest::ThisProgram()
 {
-    return CQsStringW::FromUtf8(std::filesystem::read_symlink("/proc/self/exe").filename().string());
+    return CQsStringW::FromUtf8(std::filesystem::u8path(QsPlatform::ProgramFile()).filename().u8string());
 }
 
 Request ManagerTest::Timed(double dDurationMs)

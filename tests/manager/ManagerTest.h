@@ -8,6 +8,7 @@
 #include "standalone/HostControl.h"
 #include "tests/support/FakeDevice.h"
 #include "tests/support/ManagerTestAccess.h"
+#include "tests/support/OwnRegistry.h"
 #include "tests/support/Vectors.h"
 
 #include <gmock/gmock.h>
@@ -219,7 +220,7 @@ public:
     static std::vector<CQsStringW> Mru() { return Access::Mru(M()); }
     static std::vector<std::string> DiagnosticTexts(); // of the manager's unit
 
-    const std::string& Folder() const { return m_folder; }
+    const std::string& Folder() const { return m_registry.Folder(); }
 
 protected:
     void FreeDevices(); // every device goes on, and forgets the hooks that may refer to what is gone by now
@@ -238,7 +239,7 @@ private:
 
     static CCallLog* s_log;
     const std::size_t m_objectsBefore;
-    std::string m_folder;
+    const COwnRegistry m_registry;
     std::shared_ptr<CCallLog> m_log = std::make_shared<CCallLog>();
     std::vector<Ref<CQsFakeDevice>> m_devices;
     std::deque<CFinish> m_finishes;

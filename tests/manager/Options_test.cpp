@@ -1,7 +1,7 @@
 // The two options in the machine's registry.
 #include "tests/manager/ManagerTest.h"
 
-#include "platform/posix/Control.h"
+#include "tests/support/SystemFaults.h"
 
 using namespace QsTest;
 
@@ -93,9 +93,9 @@ TEST_F(Options, AreOfTheMachineAndNotOfTheUser)
 TEST_F(Options, AreOffWhenTheMachinesRegistryIsRefused)
 {
     WriteRegistry(HKEY_LOCAL_MACHINE, s_autoActivate, REG_DWORD, DwordBytes(1));
-    QsPlatform::RefuseRegistry(HKEY_LOCAL_MACHINE, true);
+    RefuseRegistry(HKEY_LOCAL_MACHINE, true);
     Expect(false, false);
-    QsPlatform::RefuseRegistry(HKEY_LOCAL_MACHINE, false);
+    RefuseRegistry(HKEY_LOCAL_MACHINE, false);
     ExpectStored(HKEY_LOCAL_MACHINE, s_autoActivate, REG_DWORD, DwordBytes(1));
 }
 

@@ -1,7 +1,7 @@
 // The recently used devices, in memory and in the user's registry.
 #include "tests/manager/ManagerTest.h"
 
-#include "platform/posix/Control.h"
+#include "tests/support/SystemFaults.h"
 
 using namespace QsTest;
 using ::testing::ElementsAre;
@@ -151,11 +151,11 @@ TEST_F(RecentlyUsed, AreWrittenBySaveAlone)
 
 TEST_F(RecentlyUsed, WorkWithoutARegistry)
 {
-    QsPlatform::RefuseRegistry(HKEY_CURRENT_USER, true);
+    RefuseRegistry(HKEY_CURRENT_USER, true);
     EXPECT_THAT(Mru(), ElementsAre(s_v4Name, s_hx4Name));
     Active(L"A");
     M().Save();
-    QsPlatform::RefuseRegistry(HKEY_CURRENT_USER, false);
+    RefuseRegistry(HKEY_CURRENT_USER, false);
     EXPECT_FALSE(ReadRegistry(HKEY_CURRENT_USER, L"Device-0"));
     EXPECT_EQ(L"A", Access::MruGet(M(), 0));
 }

@@ -4,6 +4,7 @@
 #include "standalone/Script.h"
 
 #include <deque>
+#include <filesystem>
 
 using namespace QsTest;
 using ::testing::ElementsAre;
@@ -167,7 +168,8 @@ TEST_F(StaticDevices, HaveALoadedModuleWhenItIsInTheProcess)
 {
     EXPECT_TRUE(Loaded().IsModuleLoaded());
     EXPECT_FALSE(NotLoaded().IsModuleLoaded());
-    const CQsStringW library = CQsStringW::FromUtf8(QS_BIN "/libqshost.so");
+    const std::filesystem::path host = std::filesystem::u8path(QS_HOST_LIBRARY).make_preferred();
+    const CQsStringW library = CQsStringW::FromUtf8(host.u8string());
     EXPECT_TRUE(Manager::SQsDeviceInfo(s_className, library.c_str()).IsModuleLoaded());
     EXPECT_FALSE(Manager::SQsDeviceInfo(s_className, L"").IsModuleLoaded());
     EXPECT_FALSE(Manager::SQsDeviceInfo().IsModuleLoaded());

@@ -1,9 +1,12 @@
 #include "platform/ThreadSafety.h"
 #include "platform/Win32.h"
+#include "tests/platform/System.h"
+#include "tests/support/ChildProcess.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -124,6 +127,34 @@ TEST(CriticalSection, MayBeInitialisedAgainInTheSamePlace)
         LeaveCriticalSection(&section);
         DeleteCriticalSection(&section);
     }
+}
+
+// In a process of its own: the thread that wants the copy stays where it is until the process ends.
+QS_CHILD_PROCESS(WantsACopyOfAHeldSection)
+{
+    auto& section = *new SSection; // never destroyed, as what is below
+    auto& copy = *new SSection;
+    section.Enter();
+    std::memcpy(static_cast<void*>(&copy.section), &section.section, sizeof section.section);
+    section.Leave();
+
+    static std::atomic<DWORD> thread{0};
+    static std::atomic<bool> inside{false};
+    std::thread visitor(
+        [&copy]
+        {
+            thread = GetCurrentThreadId();
+            copy.Enter();
+            inside = true;
+        });
+    visitor.detach();
+    UntilParked(thread);
+    return inside ? 1 : 0;
+}
+
+TEST(CriticalSection, ACopyOfAHeldOneIsNeverEntered)
+{
+    EXPECT_EQ(0, QsTest::CChildProcess("WantsACopyOfAHeldSection", {}).Wait());
 }
 
 } // namespace

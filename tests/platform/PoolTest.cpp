@@ -1,135 +1,17 @@
 // The thread pool, and the release call for graphics objects that it is used with.
 #include "platform/Threads.h"
-#include "platform/Win32.h"
-#include "platform/posix/Control.h"
-
-#include <gtest/gtest.h>
+#include "tests/platform/PoolItems.h"
+#include "tests/platform/System.h"
+#include "tests/support/SystemFaults.h"
 
 #include <array>
-#include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <deque>
-#include <fstream>
-#include <functional>
-#include <mutex>
-#include <sstream>
-#include <string>
-#include <thread>
 #include <vector>
-
-#include <pthread.h>
-#include <unistd.h>
 
 namespace {
 
-constexpr DWORD kLong = 60000; // ends only when something is broken
-
-template <class Condition>
-bool Becomes(Condition condition)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLong);
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-class CEvent
-{
-public:
-    explicit CEvent(bool manualReset) : m_handle(CreateEventW(nullptr, manualReset ? TRUE : FALSE, FALSE, nullptr)) {}
-    ~CEvent() { CloseHandle(m_handle); }
-    CEvent(const CEvent&) = delete;
-    CEvent& operator=(const CEvent&) = delete;
-
-    void Set() { SetEvent(m_handle); }
-    bool Wait() { return WaitForSingleObject(m_handle, kLong) == WAIT_OBJECT_0; }
-
-private:
-    HANDLE m_handle;
-};
-
-// What the pool runs, with what it saw. Lives longer than the item.
-struct SItem
-{
-    std::function<void()> body;
-    std::atomic<DWORD> thread{0}; // on which it ran
-    CEvent done{true};
-
-    explicit SItem(std::function<void()> whatToDo) : body(std::move(whatToDo)) {}
-
-    BOOL Queue() { return QueueUserWorkItem(&SItem::Run, this, WT_EXECUTELONGFUNCTION); }
-
-    static DWORD WINAPI Run(LPVOID context)
-    {
-        auto& self = *static_cast<SItem*>(context);
-        self.thread = GetCurrentThreadId();
-        self.body();
-        self.done.Set();
-        return 0;
-    }
-};
-
-// Runs until it is released.
-struct SBlocked
-{
-    CEvent release{true};
-    SItem item;
-
-    explicit SBlocked(std::function<void()> atFirst = [] {})
-        : item(
-              [this, atFirst]
-              {
-                  atFirst();
-                  EXPECT_TRUE(release.Wait());
-              })
-    {}
-};
-
-bool IsAsleep(DWORD thread)
-{
-    std::ostringstream stat;
-    stat << std::ifstream("/proc/self/task/" + std::to_string(thread) + "/stat").rdbuf();
-    const std::string text = stat.str();
-    const std::size_t name = text.rfind(')');
-    return name != std::string::npos && text.compare(name, 3, ") S") == 0;
-}
-
-// The item has run, and its thread waits for the next one. Several looks in a row: a lock on the way to the wait is not
-// the wait.
-bool BecomesIdle(SItem& item)
-{
-    int asleep = 0;
-    return item.done.Wait() && Becomes(
-                                   [&]
-                                   {
-                                       asleep = IsAsleep(item.thread) ? asleep + 1 : 0;
-                                       return asleep == 5;
-                                   });
-}
-
-// Begins and ends without a thread of the pool.
-class ThreadPool : public testing::Test
-{
-protected:
-    ThreadPool()
-    {
-        QsPlatform::SetPoolIdleTime(20);
-        EXPECT_EQ(0u, QsPlatform::PoolThreads());
-    }
-    ~ThreadPool() override
-    {
-        QsPlatform::FailThreadCreations(0);
-        QsPlatform::FailPoolItems(0);
-        EXPECT_TRUE(Becomes([] { return QsPlatform::PoolThreads() == 0; }));
-    }
-};
-
-TEST_F(ThreadPool, RunsAnItemOnAnotherThread)
+TEST(ThreadPool, RunsAnItemOnAnotherThread)
 {
     bool bRan = false;
     SItem item([&] { bRan = true; });
@@ -139,7 +21,7 @@ TEST_F(ThreadPool, RunsAnItemOnAnotherThread)
     EXPECT_NE(GetCurrentThreadId(), item.thread);
 }
 
-TEST_F(ThreadPool, RunsEightThatBlockAtTheSameTime)
+TEST(ThreadPool, RunsEightThatBlockAtTheSameTime)
 {
     std::atomic<int> here{0};
     CEvent all(true);
@@ -160,101 +42,8 @@ TEST_F(ThreadPool, RunsEightThatBlockAtTheSameTime)
     EXPECT_EQ(8, here);
 }
 
-TEST_F(ThreadPool, RunsFiveHundredAtOnceAndTheOthersInTheirOrder)
+TEST(ThreadPool, RunsEveryItemOfFourThreadsOnce)
 {
-    constexpr unsigned most = 500;
-    std::atomic<unsigned> here{0};
-    std::deque<SBlocked> blocked;
-    for (unsigned i = 0; i < most; ++i)
-    {
-        blocked.emplace_back([&] { ++here; });
-        ASSERT_NE(FALSE, blocked.back().item.Queue());
-    }
-    EXPECT_TRUE(Becomes([&] { return here == most; }));
-
-    std::vector<int> order; // of the one thread that is released
-    std::deque<SItem> others;
-    for (int i = 0; i < 5; ++i)
-    {
-        others.emplace_back([&order, i] { order.push_back(i); });
-        EXPECT_NE(FALSE, others.back().Queue());
-    }
-    EXPECT_EQ(most, QsPlatform::PoolThreads());
-    EXPECT_EQ(0u, others.front().thread); // every thread is inside an item that has not been released
-
-    blocked[250].release.Set();
-    EXPECT_TRUE(others.back().done.Wait());
-    EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4}), order);
-    for (const SItem& other : others)
-        EXPECT_EQ(blocked[250].item.thread, other.thread);
-    EXPECT_EQ(most, here);
-
-    for (SBlocked& item : blocked)
-        item.release.Set();
-    for (SBlocked& item : blocked)
-        EXPECT_TRUE(item.item.done.Wait());
-}
-
-TEST_F(ThreadPool, AnIdleThreadTakesTheNextItem)
-{
-    QsPlatform::SetPoolIdleTime(3000);
-    SItem first([] {});
-    SItem second([] {});
-    ASSERT_NE(FALSE, first.Queue());
-    ASSERT_TRUE(BecomesIdle(first));
-    ASSERT_NE(FALSE, second.Queue());
-    ASSERT_TRUE(second.done.Wait());
-    EXPECT_EQ(first.thread, second.thread);
-    EXPECT_EQ(1u, QsPlatform::PoolThreads());
-}
-
-TEST_F(ThreadPool, TheMostRecentlyIdleThreadIsTakenFirst)
-{
-    QsPlatform::SetPoolIdleTime(3000);
-    std::array<SBlocked, 3> blocked;
-    for (SBlocked& item : blocked)
-        ASSERT_NE(FALSE, item.item.Queue());
-    for (const int i : {2, 0, 1})
-    {
-        blocked[static_cast<std::size_t>(i)].release.Set();
-        ASSERT_TRUE(BecomesIdle(blocked[static_cast<std::size_t>(i)].item));
-    }
-    std::array<SBlocked, 3> next;
-    for (const int i : {1, 0, 2})
-    {
-        SBlocked& item = next[static_cast<std::size_t>(i)];
-        ASSERT_NE(FALSE, item.item.Queue());
-        EXPECT_TRUE(Becomes([&] { return item.item.thread != 0; }));
-        EXPECT_EQ(blocked[static_cast<std::size_t>(i)].item.thread, item.item.thread);
-    }
-    for (SBlocked& item : next)
-    {
-        item.release.Set();
-        EXPECT_TRUE(item.item.done.Wait());
-    }
-}
-
-TEST_F(ThreadPool, IdleThreadsEndAndTheNextItemGetsANewOne)
-{
-    for (int round = 0; round < 3; ++round)
-    {
-        std::deque<SBlocked> blocked(4);
-        for (SBlocked& item : blocked)
-            ASSERT_NE(FALSE, item.item.Queue());
-        EXPECT_EQ(4u, QsPlatform::PoolThreads());
-        for (SBlocked& item : blocked)
-        {
-            item.release.Set();
-            EXPECT_TRUE(item.item.done.Wait());
-        }
-        EXPECT_TRUE(Becomes([] { return QsPlatform::PoolThreads() == 0; }));
-    }
-}
-
-TEST_F(ThreadPool, RunsEveryItemOnceWhileIdleThreadsEnd)
-{
-    // Threads that end as soon as they are idle meet items that are just being handed to them.
-    QsPlatform::SetPoolIdleTime(0);
     constexpr unsigned itemCount = 2000;
     static std::atomic<unsigned> s_ran;
     s_ran = 0;
@@ -284,168 +73,57 @@ TEST_F(ThreadPool, RunsEveryItemOnceWhileIdleThreadsEnd)
     EXPECT_TRUE(Becomes([&] { return s_ran == 4 * itemCount; })) << s_ran;
 }
 
-TEST_F(ThreadPool, AnItemIsNotLeftToAThreadThatIsJustEnding)
-{
-    // Each item meets the thread of the one before at the end of its idle time, and nothing else comes to take it.
-    QsPlatform::SetPoolIdleTime(0);
-    static std::atomic<unsigned> s_ran;
-    s_ran = 0;
-    for (unsigned i = 1; i <= 20000; ++i)
-    {
-        ASSERT_NE(FALSE, QueueUserWorkItem(
-                             [](LPVOID) -> DWORD
-                             {
-                                 ++s_ran;
-                                 return 0;
-                             },
-                             nullptr, WT_EXECUTELONGFUNCTION));
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLong);
-        while (s_ran != i)
-            ASSERT_LT(std::chrono::steady_clock::now(), end) << "item " << i;
-    }
-}
-
-TEST_F(ThreadPool, RefusesAnItemWithoutAFunction)
-{
-    EXPECT_EQ(FALSE, QueueUserWorkItem(nullptr, nullptr, WT_EXECUTELONGFUNCTION));
-    EXPECT_EQ(0u, QsPlatform::PoolThreads());
-}
-
-TEST_F(ThreadPool, RefusesItemsAsOftenAsItIsTold)
+TEST(ThreadPool, RefusesItemsAsOftenAsItIsTold)
 {
     std::atomic<int> ran{0};
+    SItem refused([&] { ran += 100; });
     SItem item([&] { ++ran; });
-    QsPlatform::FailPoolItems(2);
-    EXPECT_EQ(FALSE, item.Queue());
-    EXPECT_EQ(FALSE, item.Queue());
+    QsTest::FailPoolItems(2);
+    EXPECT_EQ(FALSE, refused.Queue());
+    EXPECT_EQ(FALSE, refused.Queue());
     EXPECT_NE(FALSE, item.Queue());
     EXPECT_TRUE(item.done.Wait());
-    EXPECT_TRUE(Becomes([] { return QsPlatform::PoolThreads() == 0; })); // so that nothing else can still come
     EXPECT_EQ(1, ran);
 }
 
-TEST_F(ThreadPool, RefusesAnItemWhenThereIsNoThreadAndNoneCanBeMade)
-{
-    std::atomic<int> ran{0};
-    SItem item([&] { ++ran; });
-    QsPlatform::FailThreadCreations(1);
-    EXPECT_EQ(FALSE, item.Queue());
-    EXPECT_EQ(0u, QsPlatform::PoolThreads());
-    EXPECT_NE(FALSE, item.Queue());
-    EXPECT_TRUE(item.done.Wait());
-    EXPECT_TRUE(Becomes([] { return QsPlatform::PoolThreads() == 0; }));
-    EXPECT_EQ(1, ran);
-}
-
-TEST_F(ThreadPool, AnItemWaitsForABusyThreadWhenNoneCanBeMade)
-{
-    SBlocked busy;
-    SItem item([] {});
-    ASSERT_NE(FALSE, busy.item.Queue());
-    QsPlatform::FailThreadCreations(1);
-    EXPECT_NE(FALSE, item.Queue());
-    EXPECT_EQ(1u, QsPlatform::PoolThreads());
-    EXPECT_EQ(0u, item.thread);
-    busy.release.Set();
-    ASSERT_TRUE(item.done.Wait());
-    EXPECT_EQ(busy.item.thread, item.thread);
-}
-
-TEST_F(ThreadPool, NeedsNoNewThreadWhileOneIsIdle)
-{
-    QsPlatform::SetPoolIdleTime(3000);
-    SItem first([] {});
-    SItem second([] {});
-    ASSERT_NE(FALSE, first.Queue());
-    ASSERT_TRUE(BecomesIdle(first));
-    QsPlatform::FailThreadCreations(1);
-    EXPECT_NE(FALSE, second.Queue());
-    EXPECT_TRUE(second.done.Wait());
-}
-
-TEST_F(ThreadPool, GivesDeviceCodeTheStackOfAnyThread)
-{
-    const auto sizeHere = []
-    {
-        pthread_attr_t attributes;
-        std::size_t size = 0;
-        if (pthread_getattr_np(pthread_self(), &attributes) != 0)
-            return size;
-        pthread_attr_getstacksize(&attributes, &size);
-        pthread_attr_destroy(&attributes);
-        return size;
-    };
-    std::size_t inPool = 0;
-    std::size_t elsewhere = 1;
-    SItem item([&] { inPool = sizeHere(); });
-    ASSERT_NE(FALSE, item.Queue());
-    ASSERT_TRUE(item.done.Wait());
-    std::thread([&] { elsewhere = sizeHere(); }).join();
-    EXPECT_EQ(elsewhere, inPool);
-}
-
-[[noreturn]] void ExitWithThreadsOfThePool()
+[[noreturn]] void ExitWhileItemsRun()
 {
     // Never destroyed: their threads use them to the end.
-    auto& blocked = *new std::array<SBlocked, 3>;
-    auto& last = *new SItem([] {});
-    static SBlocked* s_reached = blocked.data(); // for the leak check
-    static SItem* s_reachedToo = &last;
+    static auto& blocked = *new std::array<SBlocked, 3>;
     for (SBlocked& item : blocked)
         item.item.Queue();
-    last.Queue();
-    const bool bAsMeant = BecomesIdle(last) && Becomes([&] { return s_reached[2].item.thread != 0; });
-    std::exit(bAsMeant && s_reachedToo->thread != 0 ? 0 : 1);
+    for (SBlocked& item : blocked)
+        UntilParked(item.item.thread);
+    std::exit(7);
 }
 
-TEST(ThreadPoolAtExit, TheProcessEndsWhileItemsRunAndThreadsAreIdle)
+TEST(ThreadPoolAtExit, TheProcessEndsWhileItemsRun)
 {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
-    EXPECT_EXIT(ExitWithThreadsOfThePool(), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(ExitWhileItemsRun(), testing::ExitedWithCode(7), "");
 }
 
-TEST(ThreadId, IsTheSystems)
+TEST(ThreadId, IsTheSameAtEveryCallAndAnotherOneInEachThread)
 {
-    EXPECT_EQ(static_cast<DWORD>(gettid()), GetCurrentThreadId());
+    const DWORD own = GetCurrentThreadId();
+    EXPECT_NE(0u, own);
+    EXPECT_EQ(own, GetCurrentThreadId());
     DWORD other = 0;
-    DWORD system = 1;
-    std::thread(
-        [&]
-        {
-            other = GetCurrentThreadId();
-            system = static_cast<DWORD>(gettid());
-        })
-        .join();
-    EXPECT_EQ(system, other);
-    EXPECT_NE(GetCurrentThreadId(), other);
-}
-
-TEST(DeleteObject, ReleasesAnEventAndIsCountedOnItsOwn)
-{
-    const std::uint64_t closed = QsPlatform::ClosedHandles();
-    const std::uint64_t deleted = QsPlatform::DeletedObjects();
-    HANDLE event = CreateEventW(nullptr, FALSE, TRUE, nullptr);
-    EXPECT_NE(FALSE, DeleteObject(event));
-    EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(event, kLong));
-    EXPECT_EQ(FALSE, SetEvent(event));
-    EXPECT_EQ(FALSE, DeleteObject(event));
-    EXPECT_EQ(FALSE, CloseHandle(event));
-    EXPECT_EQ(deleted + 1, QsPlatform::DeletedObjects());
-    EXPECT_EQ(closed, QsPlatform::ClosedHandles());
+    std::thread([&] { other = GetCurrentThreadId(); }).join();
+    EXPECT_NE(0u, other);
+    EXPECT_NE(own, other);
 }
 
 TEST(DeleteObject, RefusesWhatIsNoEvent)
 {
-    const std::uint64_t deleted = QsPlatform::DeletedObjects();
     EXPECT_EQ(FALSE, DeleteObject(nullptr));
     int local = 0;
     EXPECT_EQ(FALSE, DeleteObject(&local));
-    QsThread thread;
+    QsThread thread{};
     ASSERT_EQ(0, pthread_create(
                      &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr));
     EXPECT_EQ(FALSE, DeleteObject(pthread_getw32threadhandle_np(thread)));
     EXPECT_EQ(0, pthreadCancelableTimedWait(pthread_getw32threadhandle_np(thread), kLong));
-    EXPECT_EQ(deleted, QsPlatform::DeletedObjects());
 }
 
 } // namespace

@@ -1,4 +1,5 @@
-#include "tests/platform/RegistryScope.h"
+#include "tests/platform/RegistryValues.h"
+#include "tests/support/OwnRegistry.h"
 
 #include <gtest/gtest.h>
 
@@ -21,8 +22,14 @@ protected:
     HKEY m_key = nullptr;
 
 private:
-    CRegistryScope m_scope;
+    QsTest::COwnRegistry m_registry;
 };
+
+bool EndsInTerminator(const Bytes& text)
+{
+    const std::size_t size = text.size();
+    return size == 0 || (size % 2 == 0 && text[size - 1] == 0 && text[size - 2] == 0);
+}
 
 void ExpectRoundTrip(HKEY key, DWORD type, const Bytes& bytes)
 {
@@ -32,7 +39,10 @@ void ExpectRoundTrip(HKEY key, DWORD type, const Bytes& bytes)
     EXPECT_EQ(type, read.type);
     ASSERT_EQ(bytes.size(), read.size);
     EXPECT_EQ(bytes, Bytes(read.data.begin(), read.data.begin() + static_cast<std::ptrdiff_t>(read.size)));
-    EXPECT_EQ(0xA5, read.data[read.size]) << "written beyond the size";
+    if (type != REG_SZ || EndsInTerminator(bytes))
+    {
+        EXPECT_EQ(0xA5, read.data[read.size]) << "written beyond the size";
+    }
 }
 
 TEST_F(Registry, MissingKeyIsNotOpened)
@@ -105,6 +115,21 @@ TEST_F(Registry, TextComesBackByteForByte)
     ExpectRoundTrip(m_key, REG_SZ, {0xFF, 0xFE, 'y', 0, 0, 0});             // U+FEFF in front
     ExpectRoundTrip(m_key, REG_SZ, {'y', 0, 0xFF, 0xFE, 0, 0});             // and behind
     ExpectRoundTrip(m_key, REG_SZ, {'"', 0, '\\', 0, '\n', 0, 1, 0, 0, 0}); // what text files escape
+}
+
+TEST_F(Registry, ATextWithoutTerminatorGetsOneBehindItsSizeWhereThereIsRoom)
+{
+    ASSERT_EQ(ERROR_SUCCESS, SetBytes(m_key, L"value", REG_SZ, {'x', 0, 'y', 0}));
+    const SQueried roomy = Query(m_key, L"value", 6);
+    EXPECT_EQ(ERROR_SUCCESS, roomy.status);
+    EXPECT_EQ(4u, roomy.size);
+    EXPECT_EQ((Bytes{'x', 0, 'y', 0, 0, 0, 0xA5}), roomy.data);
+    const SQueried tight = Query(m_key, L"value", 5);
+    EXPECT_EQ(ERROR_SUCCESS, tight.status);
+    EXPECT_EQ(4u, tight.size);
+    EXPECT_EQ((Bytes{'x', 0, 'y', 0, 0xA5, 0xA5}), tight.data);
+    ASSERT_EQ(ERROR_SUCCESS, SetBytes(m_key, L"value", REG_BINARY, {'x', 0}));
+    EXPECT_EQ((Bytes{'x', 0, 0xA5, 0xA5, 0xA5}), Query(m_key, L"value", 4).data);
 }
 
 TEST_F(Registry, EveryCodeUnitComesBackInsideAText)

@@ -1,5 +1,6 @@
 #include "platform/Threads.h"
 #include "platform/Win32.h"
+#include "tests/support/SystemFaults.h"
 
 #include <gtest/gtest.h>
 
@@ -123,6 +124,61 @@ TEST(Thread, NoThreadHasNoHandle)
     EXPECT_EQ(nullptr, pthread_getw32threadhandle_np(QsThread{}));
     EXPECT_EQ(EINVAL, pthreadCancelableTimedWait(nullptr, 0));
     EXPECT_EQ(EINVAL, pthreadCancelableTimedWait(nullptr, kLong));
+}
+
+void* Nothing(void*)
+{
+    return nullptr;
+}
+
+TEST(Thread, CreationThatFailsLeavesTheHandle)
+{
+    QsThread thread{};
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, Nothing, nullptr));
+    const QsThread before = thread;
+    QsTest::FailThreadCreations(1);
+    EXPECT_EQ(EAGAIN, pthread_create(&thread, nullptr, Nothing, nullptr));
+    EXPECT_EQ(before, thread);
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, Nothing, nullptr));
+    EXPECT_EQ(0, pthreadCancelableTimedWait(pthread_getw32threadhandle_np(before), kLong));
+    EXPECT_EQ(0, pthreadCancelableTimedWait(pthread_getw32threadhandle_np(thread), kLong));
+}
+
+TEST(Thread, CreationWithoutAHandleOrAFunctionFails)
+{
+    QsThread thread{};
+    EXPECT_EQ(EINVAL, pthread_create(static_cast<QsThread*>(nullptr), nullptr, Nothing, nullptr));
+    EXPECT_EQ(EINVAL, pthread_create(&thread, nullptr, nullptr, nullptr));
+    EXPECT_EQ(nullptr, pthread_getw32threadhandle_np(thread));
+}
+
+TEST(Thread, LeavingThroughPthreadExitEndsItToo)
+{
+    QsThread thread{};
+    ASSERT_EQ(0, pthread_create(
+                     &thread, nullptr,
+                     [](void*) -> void*
+                     {
+                         pthread_exit(nullptr);
+                         return nullptr; // not every library says that the call does not return
+                     },
+                     nullptr));
+    EXPECT_EQ(0, pthreadCancelableTimedWait(pthread_getw32threadhandle_np(thread), kLong));
+}
+
+TEST(Thread, MayBeMadeDetachedAndIsWaitedForAllTheSame)
+{
+    pthread_attr_t attributes;
+    ASSERT_EQ(0, pthread_attr_init(&attributes));
+    ASSERT_EQ(0, pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED));
+    SHeld held;
+    QsThread thread{};
+    ASSERT_EQ(0, pthread_create(&thread, &attributes, SHeld::Run, &held));
+    EXPECT_EQ(ETIMEDOUT, pthreadCancelableTimedWait(pthread_getw32threadhandle_np(thread), 0));
+    SetEvent(held.go);
+    EXPECT_EQ(0, pthreadCancelableTimedWait(pthread_getw32threadhandle_np(thread), kLong));
+    EXPECT_EQ(1, held.finished);
+    pthread_attr_destroy(&attributes);
 }
 
 TEST(Thread, ManyShortOnesLeaveNothingBehind)

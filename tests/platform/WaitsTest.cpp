@@ -1,4 +1,5 @@
 #include "platform/Win32.h"
+#include "tests/platform/System.h"
 
 #include <gtest/gtest.h>
 
@@ -86,6 +87,19 @@ TEST(Event, CallsOnAClosedHandleFail)
     EXPECT_EQ(FALSE, SetEvent(closed));
     EXPECT_EQ(FALSE, ResetEvent(closed));
     EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(closed, kLong));
+}
+
+TEST(Event, CallsOnWhatIsNoHandleFail)
+{
+    int local = 0;
+    for (HANDLE garbage : {reinterpret_cast<HANDLE>(std::uintptr_t{1}),
+                           reinterpret_cast<HANDLE>(std::uintptr_t{0x1234567890}), static_cast<HANDLE>(&local)})
+    {
+        EXPECT_EQ(FALSE, CloseHandle(garbage));
+        EXPECT_EQ(FALSE, SetEvent(garbage));
+        EXPECT_EQ(FALSE, ResetEvent(garbage));
+        EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(garbage, kLong));
+    }
 }
 
 TEST(Event, ManyLiveSideBySide)
@@ -210,6 +224,8 @@ TEST(WaitForMultipleObjects, ABadHandleLeavesTheSignalledOnesAlone)
 
 TEST(WaitForMultipleObjects, OneHandleTwiceFailsWhenWaitingForAll)
 {
+    if (IsWine())
+        GTEST_SKIP() << "Wine does not look for it";
     CEvent event(true, true);
     CEvent other(true, true);
     const HANDLE handles[] = {event, other, event};

@@ -2,8 +2,8 @@
 // no microscope has.
 #include "OpticsTest.h"
 
-#include "tests/standalone/core_TemporaryFolder.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <array>
 #include <cmath>

@@ -1,9 +1,9 @@
 #include "OpticsTest.h"
 
 #include "manager/StimulationManager.h"
-#include "tests/platform/RegistryScope.h"
-#include "tests/standalone/core_TemporaryFolder.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/OwnRegistry.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <atomic>
 #include <cmath>
@@ -479,7 +479,7 @@ void CountState(IQsStimulationDevice*, unsigned state)
 
 TEST_F(SimulatedMicromirrors, TellTheHostWhenTheStateOfTheCalibrationChanges)
 {
-    const CRegistryScope registry;
+    const COwnRegistry registry;
     const SMicromirror heard(R"({"name": "heard"})");
     QsStandalone::SetDeviceSettings(name, R"({"connected": false})"); // of the manager's own device
     CQsStimulationDeviceManager* manager = CQsStimulationDeviceManager::GetInstance();

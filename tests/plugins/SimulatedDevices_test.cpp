@@ -4,7 +4,7 @@
 #include "standalone/DeviceManager.h"
 #include "standalone/DiagnosticLog.h"
 #include "standalone/HostControl.h"
-#include "tests/standalone/core_TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <atomic>
 #include <future>

@@ -2,7 +2,7 @@
 
 #include "manager/StimulationManager.h"
 #include "standalone/HostControl.h"
-#include "tests/platform/RegistryScope.h"
+#include "tests/support/OwnRegistry.h"
 
 #include <atomic>
 #include <future>
@@ -109,7 +109,7 @@ TEST(SimulatedFaults, ADeafDeviceRefusesAbortsForAWhile)
 
 TEST(SimulatedFaults, ADeviceReportsItsStateFromAThreadOfItsOwn)
 {
-    const CRegistryScope registry;
+    const COwnRegistry registry;
     const DevicePtr device = MakeDevice(genericClass, R"({"name": "G", "stateCallback": true})");
     EXPECT_EQ(0, device->StimulationBegin(Request(1))); // without a manager nobody hears it
     EXPECT_EQ(0, device->StimulationEnd(nullptr, nullptr, 0));

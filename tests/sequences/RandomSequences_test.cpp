@@ -7,7 +7,6 @@
 //
 // QS_SEED=n runs one sequence, with that seed, over and over (a hundred times).
 #include "host/QsDevice.h"
-#include "platform/posix/Control.h"
 #include "standalone/DatabaseContent.h"
 #include "standalone/DeviceDatabase.h"
 #include "standalone/HostControl.h"
@@ -17,7 +16,6 @@
 
 #include <array>
 #include <cstdlib>
-#include <filesystem>
 #include <random>
 
 namespace {
@@ -29,7 +27,7 @@ using QsStandalone::SDatabaseContent;
 constexpr unsigned s_threads = 4;
 constexpr unsigned s_callsOfThread = 10;
 constexpr unsigned s_lampCount = 3;
-constexpr unsigned s_sequencesOfTest = 1000;
+constexpr unsigned s_sequencesOfTest = QS_SEQUENCES_OF_TEST;
 
 constexpr qs_int32 s_hwConfigA = 1;
 constexpr qs_int32 s_hwConfigB = 2;
@@ -296,20 +294,12 @@ protected:
     {
         QsStandalone::SDeviceDatabaseSetup setup;
         std::string error;
-        m_folder = std::filesystem::temp_directory_path() / ("qssequences-" + std::to_string(std::random_device()()));
-        std::filesystem::create_directories(m_folder);
-        QsPlatform::SetRegistryFolders((m_folder / "user").u8string(), (m_folder / "machine").u8string());
-        setup.file = (m_folder / "database.sqlite").u8string();
+        setup.file = m_registry.Folder() + "/database.sqlite";
         EXPECT_TRUE(CQsDeviceDatabase::Create(setup, error)) << error;
         EXPECT_TRUE(QsStandalone::ImportDatabase(setup, Content(), error)) << error;
         EXPECT_TRUE(CQsDeviceDatabase::Open(setup, error)) << error;
     }
-    ~RandomSequences() override
-    {
-        CQsDeviceDatabase::Close();
-        std::error_code ignored;
-        std::filesystem::remove_all(m_folder, ignored);
-    }
+    ~RandomSequences() override { CQsDeviceDatabase::Close(); }
 
     void RunSequence(unsigned seed)
     {
@@ -330,7 +320,7 @@ protected:
     unsigned m_withoutDevice = 0;
 
 private:
-    std::filesystem::path m_folder;
+    const COwnRegistry m_registry;
 };
 
 TEST_P(RandomSequences, LeaveNoLightNoReferenceAndNoRequestBehind)
@@ -354,6 +344,6 @@ TEST_P(RandomSequences, LeaveNoLightNoReferenceAndNoRequestBehind)
                 m_withoutDevice);
 }
 
-INSTANTIATE_TEST_SUITE_P(TenThousand, RandomSequences, ::testing::Range(0u, 10u));
+INSTANTIATE_TEST_SUITE_P(Seeds, RandomSequences, ::testing::Range(0u, 10u));
 
 } // namespace

@@ -7,6 +7,9 @@
 #include <random>
 #include <tuple>
 
+using QsTest::ContentsOf;
+using QsTest::CTemporaryFolder;
+
 namespace {
 
 using testing::ElementsAre;

@@ -7,6 +7,9 @@
 #include <filesystem>
 #include <thread>
 
+using QsTest::ContentsOf;
+using QsTest::CTemporaryFolder;
+
 namespace {
 
 using testing::HasSubstr;
@@ -16,7 +19,7 @@ using testing::IsEmpty;
 void MakeFirstVersion(const SDeviceDatabaseSetup& setup)
 {
     if (setup.kind == EDatabaseKind::Sqlite)
-        std::filesystem::remove(setup.file);
+        std::filesystem::remove(std::filesystem::u8path(setup.file));
     CRawConnection raw(setup);
     if (setup.kind == EDatabaseKind::PostgreSql)
         for (const char* table : {"dev_Parameter", "dev_Configuration", "dev_LogicalDevice", "dev_HWConfig_BeamPath",
@@ -204,7 +207,7 @@ TEST_P(DatabaseSchema, OfADatabaseThatIsNotThereIsNotOpened)
     EXPECT_FALSE(CQsDeviceDatabase::Open(missing, error));
     EXPECT_THAT(error, IsOneLine());
     EXPECT_THAT(error, HasSubstr(DeviceDatabaseText(missing)));
-    EXPECT_FALSE(std::filesystem::exists(missing.file)); // looking makes no file
+    EXPECT_FALSE(std::filesystem::exists(std::filesystem::u8path(missing.file))); // looking makes no file
     EXPECT_EQ(0u, CQsDeviceDatabase::ConnectionCount());
 }
 
@@ -250,29 +253,19 @@ TEST(DatabaseFile, InAFolderThatIsNotThereIsRefused)
 
 TEST(DatabaseFile, MayHaveAnyName)
 {
-    const CTemporaryFolder folder;
-    for (const char* name :
-         {"a b.db", "100%41.db", "what?mode=memory", "sharp#1.db", "\xC3\xA9\xF0\x9F\x94\xAC.db", ":memory:"})
-    {
-        SDeviceDatabaseSetup setup;
-        setup.file = folder.File(name);
-        std::string error;
-        EXPECT_TRUE(CQsDeviceDatabase::Create(setup, error)) << error;
-        EXPECT_TRUE(std::filesystem::exists(setup.file)) << name;
-        EXPECT_TRUE(CQsDeviceDatabase::Open(setup, error)) << error;
-        CQsDeviceDatabase::Close();
-    }
+    for (const char* name : {"a b.db", "100%41.db", "sharp#1.db", "\xC3\xA9\xF0\x9F\x94\xAC.db"})
+        ExpectDatabaseMayHaveTheName(name);
 }
 
 TEST(DatabaseFile, MayBeNamedFromTheWorkingFolder)
 {
     const CTemporaryFolder folder;
-    std::filesystem::current_path(folder.Path());
+    std::filesystem::current_path(std::filesystem::u8path(folder.Path()));
     SDeviceDatabaseSetup setup;
     setup.file = "here.db";
     std::string error;
     EXPECT_TRUE(CQsDeviceDatabase::Create(setup, error)) << error;
-    EXPECT_TRUE(std::filesystem::exists(folder.File("here.db")));
+    EXPECT_TRUE(std::filesystem::exists(std::filesystem::u8path(folder.File("here.db"))));
     std::filesystem::current_path("/");
 }
 

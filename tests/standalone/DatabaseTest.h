@@ -15,6 +15,7 @@
 #include <QString>
 #include <QVariant>
 
+#include <filesystem>
 #include <string>
 
 using namespace QsStandalone;
@@ -109,6 +110,30 @@ inline std::vector<std::string> LogLines()
         if (line.unit == L"DeviceDB")
             lines.push_back(line.text.ToUtf8());
     return lines;
+}
+
+// The text of a parameter that is stored, or the status that says why there is none.
+inline std::string Loaded(const wchar_t* name, qs_int32 setup, qs_int32 user)
+{
+    CQsStringW text(L"unwritten");
+    bool found = false;
+    const int status = DeviceDBAppHelper::LoadParam(name, text, &found, setup, user);
+    EXPECT_EQ(status == 0, found);
+    EXPECT_TRUE(status == 0 || text.IsEmpty());
+    return status == 0 ? text.ToUtf8() : std::to_string(status);
+}
+
+// A file of that name, in a folder of its own, can be made and opened.
+inline void ExpectDatabaseMayHaveTheName(const char* name)
+{
+    const QsTest::CTemporaryFolder folder;
+    SDeviceDatabaseSetup setup;
+    setup.file = folder.File(name);
+    std::string error;
+    EXPECT_TRUE(CQsDeviceDatabase::Create(setup, error)) << error;
+    EXPECT_TRUE(std::filesystem::exists(std::filesystem::u8path(setup.file))) << name;
+    EXPECT_TRUE(CQsDeviceDatabase::Open(setup, error)) << error;
+    CQsDeviceDatabase::Close();
 }
 
 // A database with the schema and nothing in it; not open.

@@ -2,7 +2,8 @@
 #include "host/QsDMApi.h"
 #include "standalone/DiagnosticLog.h"
 #include "standalone/HostControl.h"
-#include "tests/standalone/core_TemporaryFolder.h"
+#include "tests/support/OwnRegistry.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 
@@ -13,6 +14,7 @@
 
 using QsStandalone::CQsDiagnosticLog;
 using QsStandalone::DeviceManagerLock;
+using QsTest::CTemporaryFolder;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -122,7 +124,7 @@ TEST(SettingsFolder, IsMadeAndEndsWithoutASeparator)
         QsStandalone::SetSettingsFolder(folder.File(name));
         const std::string path = QS_GetSettingsFolder().ToUtf8();
         EXPECT_EQ(folder.File(expected), path);
-        EXPECT_TRUE(std::filesystem::is_directory(path)) << path;
+        EXPECT_TRUE(std::filesystem::is_directory(std::filesystem::u8path(path))) << path;
     }
 }
 
@@ -130,7 +132,7 @@ TEST(SettingsFolder, StaysWhereItIsWhenTheProgramGoesElsewhere)
 {
     const CTemporaryFolder folder;
     const std::filesystem::path before = std::filesystem::current_path();
-    std::filesystem::current_path(folder.Path());
+    std::filesystem::current_path(std::filesystem::u8path(folder.Path()));
     QsStandalone::SetSettingsFolder("here");
     std::filesystem::current_path(before);
     EXPECT_EQ(folder.File("here"), QS_GetSettingsFolder().ToUtf8());
@@ -138,13 +140,13 @@ TEST(SettingsFolder, StaysWhereItIsWhenTheProgramGoesElsewhere)
 
 TEST(SettingsFolder, LiesBesideTheRegistryStoreAtFirst)
 {
+    const QsTest::COwnRegistry registry;
     const CTemporaryFolder folder;
-    setenv("QS_REGISTRY_DIR", folder.Path().c_str(), 1);
-    EXPECT_EQ(folder.File("settings"), QS_GetSettingsFolder().ToUtf8());
+    EXPECT_EQ(registry.Folder() + "/user/settings", QS_GetSettingsFolder().ToUtf8());
     QsStandalone::SetSettingsFolder(folder.File("own"));
     EXPECT_EQ(folder.File("own"), QS_GetSettingsFolder().ToUtf8());
     QsStandalone::SetSettingsFolder("");
-    EXPECT_EQ(folder.File("settings"), QS_GetSettingsFolder().ToUtf8());
+    EXPECT_EQ(registry.Folder() + "/user/settings", QS_GetSettingsFolder().ToUtf8());
 }
 
 TEST(SettingsFolder, ThatCannotBeMadeIsReportedInOneLine)

@@ -1,13 +1,15 @@
 #include "standalone/Rig.h"
 
 #include "standalone/RigSchema.h"
-#include "tests/standalone/core_TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 
 using namespace QsStandalone;
+using QsTest::ContentsOf;
+using QsTest::CTemporaryFolder;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -61,7 +63,7 @@ TEST(Rig, ReadsEveryKey)
     const CTemporaryFolder folder;
     const std::string path = folder.Write("rig.json", R"({ // a comment
         "format": "stimulation-rig", "version": 1, "name": "Mikroskop \u00e4",
-        "moduleFolders": ["modules", "/opt/x/../y"], "translations": "words.json",
+        "moduleFolders": ["modules", ")" QS_SOURCE R"(/x/../y"], "translations": "words.json",
         "shutters": [
             {"id": 4294967295, "physicalId": 101, "databaseId": 11, "name": "Lamp", "openLatencyMs": 4,
              "closeLatencyMs": 3.5, "jitterMs": 0.5, "jitterSeed": 7, "connected": false, "light": false,
@@ -78,7 +80,7 @@ TEST(Rig, ReadsEveryKey)
     ASSERT_TRUE(ReadRig(path, rig, error)) << error;
     EXPECT_EQ(path, rig.path);
     EXPECT_EQ("Mikroskop \xC3\xA4", rig.name);
-    EXPECT_THAT(rig.moduleFolders, ElementsAre(folder.File("modules"), "/opt/y"));
+    EXPECT_THAT(rig.moduleFolders, ElementsAre(folder.File("modules"), QS_SOURCE "/y"));
     EXPECT_EQ(folder.File("words.json"), rig.translations);
 
     ASSERT_EQ(2u, rig.shutters.size());

@@ -1,6 +1,8 @@
 // Merging stores and replacing entries of one.
 #include "tests/standalone/SettingsTest.h"
 
+using QsTest::CTemporaryFolder;
+
 namespace {
 
 using Nodes = std::vector<SNode>;

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/QsSystem.h"
-#include "tests/standalone/core_TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 

@@ -10,6 +10,8 @@
 #include <array>
 #include <cmath>
 
+using QsTest::ContentsOf;
+using QsTest::CTemporaryFolder;
 using testing::HasSubstr;
 
 namespace {

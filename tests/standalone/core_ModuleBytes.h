@@ -82,3 +82,26 @@ inline std::string PeFile(const std::string& name, std::string contents)
     file.PutText(0x400, std::string(0x200, '\xC3')).PutText(0x600, contents);
     return file.Get();
 }
+
+// A 64-bit ELF library with the section `name`, which holds `contents`; its table of sections stands at the end.
+inline std::string ElfFile(const std::string& name, std::string contents)
+{
+    constexpr std::size_t header = 64;
+    constexpr std::size_t sectionHeader = 64;
+    const std::string names = std::string(1, '\0') + name + std::string(1, '\0') + ".shstrtab" + std::string(1, '\0');
+    const std::size_t namesAt = header + contents.size();
+    const std::size_t table = (namesAt + names.size() + 7) / 8 * 8;
+
+    CFileBytes file;
+    file.PutText(0, "\177ELF").Put(4, 2, 1).Put(5, 1, 1).Put(6, 1, 1); // 64 bits, little-endian
+    file.Put(16, 3, 2).Put(18, 62, 2).Put(20, 1, 4).Put(0x28, table, 8);
+    file.Put(0x34, header, 2).Put(0x3A, sectionHeader, 2).Put(0x3C, 3, 2).Put(0x3E, 2, 2);
+    file.PutText(header, contents).PutText(namesAt, names);
+    const std::size_t records = table + sectionHeader; // behind the header that stands for no section
+    file.Put(records, 1, 4).Put(records + 4, 1, 4).Put(records + 8, 3, 8).Put(records + 16, 0x1000, 8);
+    file.Put(records + 24, header, 8).Put(records + 32, contents.size(), 8).Put(records + 48, 16, 8);
+    const std::size_t texts = records + sectionHeader;
+    file.Put(texts, 2 + name.size(), 4).Put(texts + 4, 3, 4).Put(texts + 24, namesAt, 8);
+    file.Put(texts + 32, names.size(), 8).Put(texts + 48, 1, 8).Put(texts + 56, 0, 8);
+    return file.Get();
+}

@@ -1,4 +1,3 @@
-#include "core_TemporaryFolder.h"
 #include "host/QsDMApi.h"
 #include "host/QsDevice.h"
 #include "host/QsPicture.h"
@@ -7,6 +6,7 @@
 #include "standalone/DiagnosticLog.h"
 #include "standalone/HostControl.h"
 #include "standalone/Script.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 
@@ -15,6 +15,7 @@
 #include <thread>
 
 using namespace QsStandalone;
+using QsTest::CTemporaryFolder;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 

@@ -1,9 +1,10 @@
 #include "core_ModuleBytes.h"
-#include "core_TemporaryFolder.h"
 #include "host/QsSystem.h"
+#include "platform/Process.h"
 #include "standalone/DiagnosticLog.h"
 #include "standalone/HostControl.h"
 #include "standalone/PluginManager.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 
@@ -12,6 +13,7 @@
 #include <thread>
 
 using namespace QsStandalone;
+using QsTest::CTemporaryFolder;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -20,7 +22,9 @@ using ::testing::UnorderedElementsAre;
 namespace {
 
 const std::string probes = QS_PROBES;
-const std::string probeModule = probes + "/Probe/ProbeModule.so";
+const std::string suffix = QS_MODULE_SUFFIX;
+const std::string probeModule = probes + "/Probe/ProbeModule" + suffix;
+const std::string noExportModule = probes + "/NoExport/NoExportModule" + suffix;
 constexpr char itf[] = "IQsStimulationDevice";
 
 class CCounted : public CQsClass
@@ -211,7 +215,7 @@ TEST(ClassRegistry, NamesTheProgramAsModuleOfItsOwnClasses)
     std::vector<SQsClassEntry> entries(1);               // what is there is kept
     CQsRTTI::FindClasses(itf, "", "", entries);
     ASSERT_EQ(entries.size(), 2u);
-    EXPECT_EQ(entries[1].module.ToUtf8(), std::filesystem::canonical("/proc/self/exe").string());
+    EXPECT_EQ(entries[1].module.ToUtf8(), QsPlatform::ProgramFile());
     const std::vector<SKnownClass> known = KnownClasses();
     ASSERT_EQ(known.size(), 1u);
     EXPECT_EQ(known[0].module, "");
@@ -274,13 +278,13 @@ TEST(Modules, AreLoadedWhenAClassIsFirstCreated)
     const SKnownClass known = Known("CQsProbe");
     EXPECT_TRUE(known.moduleLoaded);
     EXPECT_EQ(known.friendlyName, "Probe device");
-    EXPECT_EQ(known.module, std::filesystem::canonical(probeModule).string());
+    EXPECT_EQ(std::filesystem::u8path(known.module), std::filesystem::canonical(std::filesystem::u8path(probeModule)));
 }
 
 TEST(Modules, StandBeforeClassesThatOnlyRegisteredInCode)
 {
     const SCoded coded("CQsCoded", &MakeCounted);
-    CQsModules::ScanFile(probes + "/NoExport/NoExportModule.so");
+    CQsModules::ScanFile(noExportModule);
     EXPECT_THAT(Found(itf), ElementsAre("CQsNoExport", "CQsCoded"));
 }
 
@@ -334,12 +338,13 @@ TEST(Modules, FailInOneLineWhenAClassCannotBeMade)
     CQsModules::ScanFolder(probes + "/Unresolved");
     ExpectRefused("CQsThrowingProbe", L"ClassRegistry", "no hardware");
     ExpectRefused("CQsNoExport", L"PluginManager", "QS_ConstructorForCQsNoExport");
-    ExpectRefused("CQsUnresolved", L"PluginManager", "QsTestFunctionThatNobodyHas");
+    ExpectRefused("CQsUnresolved", L"PluginManager", QS_UNRESOLVED_SAYS);
 
     const CTemporaryFolder folder;
-    CQsModules::ScanFile(folder.Write("foreign.dll", PeFile("qsclass", ClassBytes("CQsForeign", ""))));
+    const auto otherSystemsFile = suffix == ".dll" ? &ElfFile : &PeFile;
+    CQsModules::ScanFile(folder.Write("foreign.dll", otherSystemsFile("qsclass", ClassBytes("CQsForeign", ""))));
     ExpectRefused("CQsForeign", L"PluginManager", "foreign.dll");
-    std::filesystem::remove(folder.File("foreign.dll"));
+    std::filesystem::remove(std::filesystem::u8path(folder.File("foreign.dll")));
     ExpectRefused("CQsForeign", L"PluginManager", "no such file");
 }
 
@@ -371,14 +376,14 @@ TEST(Modules, AreLoadedByPathAndByClass)
     EXPECT_TRUE(CQsModules::LoadModuleOfClass("CQsCoded", error));
     CQsModules::ScanFile(probeModule);
     EXPECT_TRUE(CQsModules::LoadModuleOfClass("CQsProbe", error)) << error;
-    EXPECT_TRUE(CQsModules::LoadModule(probes + "/./Probe/ProbeModule.so", error)) << error; // harmless
-    EXPECT_TRUE(CQsModules::IsLoaded(probes + "/Probe/../Probe/ProbeModule.so"));
+    EXPECT_TRUE(CQsModules::LoadModule(probes + "/./Probe/ProbeModule" + suffix, error)) << error; // harmless
+    EXPECT_TRUE(CQsModules::IsLoaded(probes + "/Probe/../Probe/ProbeModule" + suffix));
 }
 
 TEST(Modules, AreForgottenUnlessTheyAreLoaded)
 {
     CQsModules::ScanFile(probeModule);
-    CQsModules::ScanFile(probes + "/NoExport/NoExportModule.so");
+    CQsModules::ScanFile(noExportModule);
     std::string error;
     ASSERT_TRUE(CQsModules::LoadModule(probeModule, error)) << error;
     CQsModules::Forget();

@@ -1,8 +1,8 @@
 #include "tests/support/BeampathFixture.h"
 
 #include "host/QsDMApi.h"
-#include "platform/posix/Control.h"
 #include "standalone/DeviceManager.h"
+#include "tests/support/SystemFaults.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -251,8 +251,8 @@ BeampathTest::~BeampathTest()
 {
     CWatchdog watchdog("the end of the beampaths");
     FailNothing();
-    QsPlatform::FailEventCreations(0);
-    QsPlatform::FailPoolItems(0);
+    FailEventCreations(0);
+    FailPoolItems(0);
     for (const char* const name : {"CQsStimulationDeviceAggregator", "CQsStimulationDeviceProxy"})
         QsStandalone::RefuseClass(name, false);
     FreeDevices();

@@ -1,13 +1,8 @@
-// A locale whose numbers have a decimal comma, made here because a bare system has none: the C library's file of the
-// numeric category with its two texts, its grouping, the same two as wide characters and the name of the code set.
+// A locale of the process whose numbers have a decimal comma, until the object is gone.
 #pragma once
 
-#include "tests/standalone/core_TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
-#include <clocale>
-#include <cstdint>
-#include <cstdio>
-#include <initializer_list>
 #include <string>
 
 namespace QsTest {
@@ -15,37 +10,15 @@ namespace QsTest {
 class CDecimalComma
 {
 public:
-    CDecimalComma()
-    {
-        std::string file = Numbers({0x20031114, 6, 32, 34, 36, 40, 44, 48});
-        file += std::string(",\0.\0\3\3\0\0", 8) + Numbers({',', '.'}) + std::string("ANSI_X3.4-1968\0", 15);
-        std::filesystem::create_directory(m_folder.File("comma"));
-        m_folder.Write("comma/LC_NUMERIC", file);
-        setenv("LOCPATH", m_folder.Path().c_str(), 1);
-        m_set = std::setlocale(LC_NUMERIC, "comma") != nullptr;
-    }
-    ~CDecimalComma() { std::setlocale(LC_NUMERIC, "C"); }
+    CDecimalComma();
+    ~CDecimalComma();
     CDecimalComma(const CDecimalComma&) = delete;
     CDecimalComma& operator=(const CDecimalComma&) = delete;
 
-    bool IsSet() const
-    {
-        char text[16] = {};
-        std::snprintf(text, sizeof text, "%.2f", 1.5);
-        return m_set && std::string(text) == "1,50";
-    }
+    bool IsSet() const; // asked of the C library, by a number
 
 private:
-    static std::string Numbers(std::initializer_list<std::uint32_t> numbers)
-    {
-        std::string bytes;
-        for (const std::uint32_t number : numbers)
-            for (unsigned shift = 0; shift < 32; shift += 8)
-                bytes += static_cast<char>(number >> shift & 0xFF);
-        return bytes;
-    }
-
-    CTemporaryFolder m_folder;
+    CTemporaryFolder m_folder; // for what the system has not itself
     bool m_set = false;
 };
 

@@ -22,11 +22,19 @@ public:
         const double b = s - high;
         return CDoubleDouble(s, (high - (s - b)) + (low - b));
     }
-    // high * low without rounding.
+    // a * b without rounding, from halves whose products are exact; for factors below 1e290. Not every C library's
+    // multiply-add is exact.
     static CDoubleDouble Product(double a, double b)
     {
+        const auto upperHalf = [](double x)
+        {
+            const double scaled = x * 134217729.0; // 2^27 + 1
+            return scaled - (scaled - x);
+        };
         const double p = a * b;
-        return CDoubleDouble(p, std::fma(a, b, -p));
+        const double aHigh = upperHalf(a), aLow = a - aHigh;
+        const double bHigh = upperHalf(b), bLow = b - bHigh;
+        return CDoubleDouble(p, ((aHigh * bHigh - p) + aHigh * bLow + aLow * bHigh) + aLow * bLow);
     }
     // Decimal digits with an optional sign and point: "-12.5".
     static CDoubleDouble FromText(const char* text)

@@ -2,9 +2,10 @@
 
 #include "host/QsDMApi.h"
 #include "host/QsPluginManager.h"
-#include "tests/support/HostFunction.h"
+#include "tests/support/Interposition.h"
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -72,6 +73,8 @@ DWORD WINAPI RunItem(LPVOID context)
 
 } // namespace
 
+static bool QueueInPool(const SItem& item); // in the system's pool
+
 CCallLog& CHostCalls::Log()
 {
     return State().log;
@@ -136,9 +139,8 @@ void CHostCalls::LetPoolGo()
         State().bHold = false;
         items.swap(State().held);
     }
-    static const auto real = HostFunction(&QueueUserWorkItem);
     for (const SItem& item : items)
-        if (!real(&RunItem, new SItem(item), item.flags))
+        if (!QueueInPool(item))
             throw std::runtime_error("the pool takes no item that was held back");
 }
 
@@ -175,21 +177,19 @@ void CHostCalls::Reset()
 
 using QsTest::CHostCalls;
 
-DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds)
+QS_IN_PLACE_OF(WaitForOne, DWORD WINAPI, WaitForSingleObject, (HANDLE handle, DWORD milliseconds))
 {
-    static const auto real = QsTest::HostFunction(&WaitForSingleObject);
-    return real(handle, QsTest::Remember(1, milliseconds));
+    return QS_REAL(WaitForOne)(handle, QsTest::Remember(1, milliseconds));
 }
 
-DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds)
+QS_IN_PLACE_OF(WaitForMany, DWORD WINAPI, WaitForMultipleObjects,
+               (DWORD count, const HANDLE* handles, BOOL waitAll, DWORD milliseconds))
 {
-    static const auto real = QsTest::HostFunction(&WaitForMultipleObjects);
-    return real(count, handles, waitAll, QsTest::Remember(count, milliseconds));
+    return QS_REAL(WaitForMany)(count, handles, waitAll, QsTest::Remember(count, milliseconds));
 }
 
-BOOL QueueUserWorkItem(LPTHREAD_START_ROUTINE function, LPVOID context, ULONG flags)
+QS_IN_PLACE_OF(Queue, BOOL WINAPI, QueueUserWorkItem, (LPTHREAD_START_ROUTINE function, LPVOID context, ULONG flags))
 {
-    static const auto real = QsTest::HostFunction(&QueueUserWorkItem);
     const QsTest::SItem item{function, context, flags};
     QsTest::SState& state = QsTest::State();
     {
@@ -202,64 +202,67 @@ BOOL QueueUserWorkItem(LPTHREAD_START_ROUTINE function, LPVOID context, ULONG fl
             return TRUE;
         }
     }
-    auto* const copy = new QsTest::SItem(item);
-    if (real(&QsTest::RunItem, copy, flags))
+    if (QsTest::QueueInPool(item))
         return TRUE;
-    delete copy;
     const std::lock_guard<std::mutex> lock(state.lock);
     --state.inFlight;
     return FALSE;
 }
 
-unsigned CQsPluginManager::AppRntm_HandleEvent(const wchar_t* eventName, int argument1, int argument2, void* context)
+bool QsTest::QueueInPool(const SItem& item)
 {
-    static const auto real = QsTest::HostFunction(&CQsPluginManager::AppRntm_HandleEvent);
+    auto copy = std::make_unique<SItem>(item);
+    const bool bQueued = QS_REAL(Queue)(&RunItem, copy.get(), item.flags) != FALSE;
+    if (bQueued)
+        copy.release(); // RunItem's
+    return bQueued;
+}
+
+QS_IN_PLACE_OF(Broadcast, unsigned, CQsPluginManager::AppRntm_HandleEvent,
+               (const wchar_t* eventName, int argument1, int argument2, void* context))
+{
     {
         QsTest::SState& state = QsTest::State();
         const std::lock_guard<std::mutex> lock(state.lock);
         state.broadcasts.push_back({eventName != nullptr ? eventName : L"", argument1, argument2, context});
     }
-    return real(eventName, argument1, argument2, context);
+    return QS_REAL(Broadcast)(eventName, argument1, argument2, context);
 }
 
-void DMApi::AppRntm_RegisterConsumer(IQsDMApiPluginNotification* consumer)
+QS_IN_PLACE_OF(RegisterConsumer, void, DMApi::AppRntm_RegisterConsumer, (IQsDMApiPluginNotification * consumer))
 {
-    static const auto real = QsTest::HostFunction(&DMApi::AppRntm_RegisterConsumer);
     CHostCalls::Log().Add("RegisterConsumer");
-    real(consumer);
+    QS_REAL(RegisterConsumer)(consumer);
 }
 
-void DMApi::AppRntm_UnregisterConsumer(IQsDMApiPluginNotification* consumer)
+QS_IN_PLACE_OF(UnregisterConsumer, void, DMApi::AppRntm_UnregisterConsumer, (IQsDMApiPluginNotification * consumer))
 {
-    static const auto real = QsTest::HostFunction(&DMApi::AppRntm_UnregisterConsumer);
     CHostCalls::Log().Add("UnregisterConsumer");
-    real(consumer);
+    QS_REAL(UnregisterConsumer)(consumer);
 }
 
-void DMApi::AppRntm_RegisterEvent(IQsDMApiPluginNotification* consumer, const wchar_t* eventName)
+QS_IN_PLACE_OF(RegisterEvent, void, DMApi::AppRntm_RegisterEvent,
+               (IQsDMApiPluginNotification * consumer, const wchar_t* eventName))
 {
-    static const auto real = QsTest::HostFunction(&DMApi::AppRntm_RegisterEvent);
     CHostCalls::Log().Add("RegisterEvent " + QsTest::Narrow(eventName));
-    real(consumer, eventName);
+    QS_REAL(RegisterEvent)(consumer, eventName);
 }
 
-void DMApi::AppRntm_UnregisterEvent(IQsDMApiPluginNotification* consumer, const wchar_t* eventName)
+QS_IN_PLACE_OF(UnregisterEvent, void, DMApi::AppRntm_UnregisterEvent,
+               (IQsDMApiPluginNotification * consumer, const wchar_t* eventName))
 {
-    static const auto real = QsTest::HostFunction(&DMApi::AppRntm_UnregisterEvent);
     CHostCalls::Log().Add("UnregisterEvent " + QsTest::Narrow(eventName));
-    real(consumer, eventName);
+    QS_REAL(UnregisterEvent)(consumer, eventName);
 }
 
-CDMApi_LogDevId DMApi::LogDev_GetIdByDBId(int databaseId)
+QS_IN_PLACE_OF(GetIdByDBId, CDMApi_LogDevId, DMApi::LogDev_GetIdByDBId, (int databaseId))
 {
-    static const auto real = QsTest::HostFunction(&DMApi::LogDev_GetIdByDBId);
     CHostCalls::Log().Add("LogDev_GetIdByDBId(" + std::to_string(databaseId) + ")");
-    return real(databaseId);
+    return QS_REAL(GetIdByDBId)(databaseId);
 }
 
-unsigned int DMApi::LogDev_GetPhysDevId(CDMApi_LogDevId id)
+QS_IN_PLACE_OF(GetPhysDevId, unsigned int, DMApi::LogDev_GetPhysDevId, (CDMApi_LogDevId id))
 {
-    static const auto real = QsTest::HostFunction(&DMApi::LogDev_GetPhysDevId);
     CHostCalls::Log().Add("LogDev_GetPhysDevId(" + std::to_string(id.value) + ")");
-    return real(id);
+    return QS_REAL(GetPhysDevId)(id);
 }

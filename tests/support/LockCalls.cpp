@@ -1,8 +1,9 @@
 #include "tests/support/LockCalls.h"
 
 #include "host/QsDMApi.h"
+#include "platform/ThreadSafety.h"
 #include "tests/support/FakeDevice.h"
-#include "tests/support/HostFunction.h"
+#include "tests/support/Interposition.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -113,30 +114,32 @@ std::size_t CLockCalls::Live()
 
 using namespace QsTest;
 
-void InitializeCriticalSection(CRITICAL_SECTION* section)
+QS_IN_PLACE_OF(Initialize, void WINAPI, InitializeCriticalSection, (CRITICAL_SECTION * section))
 {
-    static const auto real = HostFunction(&InitializeCriticalSection);
-    real(section);
+    QS_REAL(Initialize)(section);
+    if (IsOfCRuntime(section))
+        return;
     const std::lock_guard<std::mutex> lock(State().lock);
     if (!State().live.insert(section).second)
         throw std::logic_error("a critical section is initialised a second time");
 }
 
-void DeleteCriticalSection(CRITICAL_SECTION* section)
+QS_IN_PLACE_OF(Delete, void WINAPI, DeleteCriticalSection, (CRITICAL_SECTION * section))
 {
-    static const auto real = HostFunction(&DeleteCriticalSection);
+    if (!IsOfCRuntime(section))
     {
         const std::lock_guard<std::mutex> lock(State().lock);
         if (State().live.erase(section) != 1)
             std::terminate(); // deleted twice, or never initialised
     }
-    real(section);
+    QS_REAL(Delete)(section);
 }
 
 // Forwards, so that the analysis does not see the section entered here.
-void EnterCriticalSection(CRITICAL_SECTION* section) QS_NO_THREAD_SAFETY_ANALYSIS
+QS_IN_PLACE_OF(Enter, void WINAPI, EnterCriticalSection, (CRITICAL_SECTION * section)) QS_NO_THREAD_SAFETY_ANALYSIS
 {
-    static const auto real = HostFunction(&EnterCriticalSection);
+    if (IsOfCRuntime(section))
+        return QS_REAL(Enter)(section);
     const bool bOwn = std::count(s_thread.held.begin(), s_thread.held.end(), section) != 0;
     if (!bOwn)
     {
@@ -146,7 +149,7 @@ void EnterCriticalSection(CRITICAL_SECTION* section) QS_NO_THREAD_SAFETY_ANALYSI
             State().order.emplace(held, section);
         State().changed.notify_all();
     }
-    real(section);
+    QS_REAL(Enter)(section);
     if (!bOwn)
     {
         const std::lock_guard<std::mutex> lock(State().lock);
@@ -157,32 +160,31 @@ void EnterCriticalSection(CRITICAL_SECTION* section) QS_NO_THREAD_SAFETY_ANALYSI
 }
 
 // As above.
-void LeaveCriticalSection(CRITICAL_SECTION* section) QS_NO_THREAD_SAFETY_ANALYSIS
+QS_IN_PLACE_OF(Leave, void WINAPI, LeaveCriticalSection, (CRITICAL_SECTION * section)) QS_NO_THREAD_SAFETY_ANALYSIS
 {
-    static const auto real = HostFunction(&LeaveCriticalSection);
+    if (IsOfCRuntime(section))
+        return QS_REAL(Leave)(section);
     const auto held = std::find(s_thread.held.rbegin(), s_thread.held.rend(), section);
     if (held == s_thread.held.rend())
         std::terminate(); // left without having been entered
     s_thread.held.erase(std::next(held).base());
     Remember(ELockCall::Leave, section, 0);
-    real(section);
+    QS_REAL(Leave)(section);
 }
 
-bool DMApi_TryLockDeviceManager(int importance)
+QS_IN_PLACE_OF(TryLock, bool, DMApi_TryLockDeviceManager, (int importance))
 {
-    static const auto real = HostFunction(&DMApi_TryLockDeviceManager);
-    const bool bGranted = real(importance);
+    const bool bGranted = QS_REAL(TryLock)(importance);
     s_thread.globalDepth += bGranted ? 1 : 0;
     Remember(bGranted ? ELockCall::Try : ELockCall::Refused, nullptr, importance);
     return bGranted;
 }
 
-void DMApi_ReleaseLockDeviceManager(int importance)
+QS_IN_PLACE_OF(ReleaseLock, void, DMApi_ReleaseLockDeviceManager, (int importance))
 {
-    static const auto real = HostFunction(&DMApi_ReleaseLockDeviceManager);
     if (s_thread.globalDepth == 0)
         std::terminate(); // released without having been granted
     --s_thread.globalDepth;
     Remember(ELockCall::Release, nullptr, importance);
-    real(importance);
+    QS_REAL(ReleaseLock)(importance);
 }

@@ -4,15 +4,11 @@
 // stops comes back from its log, not from the disk.
 #pragma once
 
-#include "standalone/DeviceDatabase.h"
+#include "tests/support/TestServerDatabase.h"
 
-#include <memory>
 #include <string>
 
 #include <sys/types.h>
-
-// Whether the server's programs are on this machine.
-bool IsPostgresInstalled();
 
 // Throws std::runtime_error, with the server's words, for anything that does not work.
 class CPostgresCluster
@@ -54,17 +50,4 @@ private:
     std::string m_folder;
     unsigned m_port = 5432;
     pid_t m_pid = -1;
-};
-
-// A database for one test, in the server that all tests of a run share, or in one of its own where none runs.
-class CTestServerDatabase
-{
-public:
-    CTestServerDatabase();
-    ~CTestServerDatabase();
-
-    QsStandalone::SDeviceDatabaseSetup setup;
-
-private:
-    std::unique_ptr<CPostgresCluster> m_own;
 };

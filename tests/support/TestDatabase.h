@@ -1,8 +1,8 @@
 // A database of its own for one test, of each kind that this machine has.
 #pragma once
 
-#include "tests/standalone/core_TemporaryFolder.h"
-#include "tests/support/PostgresCluster.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/support/TestServerDatabase.h"
 
 #include <memory>
 #include <ostream>
@@ -42,7 +42,7 @@ public:
     {
         if (kind == EDatabaseKind::Sqlite)
         {
-            m_folder = std::make_unique<CTemporaryFolder>();
+            m_folder = std::make_unique<QsTest::CTemporaryFolder>();
             m_setup.file = m_folder->File("devices.sqlite");
             return;
         }
@@ -53,7 +53,7 @@ public:
     const QsStandalone::SDeviceDatabaseSetup& Setup() const { return m_setup; }
 
 private:
-    std::unique_ptr<CTemporaryFolder> m_folder;
+    std::unique_ptr<QsTest::CTemporaryFolder> m_folder;
     std::unique_ptr<CTestServerDatabase> m_server;
     QsStandalone::SDeviceDatabaseSetup m_setup;
 };
