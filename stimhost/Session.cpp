@@ -20,6 +20,7 @@
 #include <rapidjson/writer.h>
 
 #include <algorithm>
+#include <exception>
 #include <filesystem>
 #include <functional>
 
@@ -88,6 +89,19 @@ std::string SettingsOf(const SRigDevice& device)
     return WithName(device.settings, device.name);
 }
 
+bool UseRegistry(const std::string& folder, std::string& error)
+{
+    try
+    {
+        QsPlatform::UseOwnRegistry(folder);
+        return true;
+    }
+    catch (const std::exception& e)
+    {
+        return Fail(error, folder + ": " + e.what());
+    }
+}
+
 bool UseSettingsFolder(const std::string& folder, std::string& error)
 {
     std::error_code failure;
@@ -105,8 +119,8 @@ bool CSession::Open(const SOptions& options, bool withRig, std::string& error)
 {
     if (!OpenLog(options, error))
         return false;
-    if (!options.registryFolder.empty())
-        QsPlatform::UseOwnRegistry(options.registryFolder);
+    if (!options.registryFolder.empty() && !UseRegistry(options.registryFolder, error))
+        return false;
     if (!options.settingsFolder.empty() && !UseSettingsFolder(options.settingsFolder, error))
         return false;
     if (!withRig)

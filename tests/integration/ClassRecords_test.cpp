@@ -6,6 +6,7 @@
 #include "tests/standalone/core_ModuleBytes.h"
 
 #include <QCryptographicHash>
+#include <QDir>
 #include <QFile>
 
 #include <gmock/gmock.h>
@@ -235,6 +236,19 @@ TEST_F(ModuleFiles, OfBothFormatsAreInspected)
         EXPECT_STREQ("Second", file["classes"][1]["friendlyName"].GetString());
         EXPECT_EQ(ClassBytes("CQsFirst", "First").size() + 32, file["classes"][1]["offset"].GetUint());
     }
+}
+
+TEST_F(ModuleFiles, OfAFolderAreKnownWhateverTheLettersOfTheirNames)
+{
+    ASSERT_TRUE(QDir().mkdir(QString::fromStdString(Path("modules"))));
+    File("modules/First.DLL", PeFile("qsclass", ClassBytes("CQsFirst", "First")));
+    File("modules/second.So", ElfFile("qsclass", ClassBytes("CQsSecond", "Second")));
+    File("modules/third.txt", ElfFile("qsclass", ClassBytes("CQsThird", "Third")));
+    const SOutcome outcome = Stimhost({"list", "--rig", ShutterRig(), "--modules", Path("modules")});
+    EXPECT_EQ(0, outcome.exitCode) << outcome.err;
+    EXPECT_THAT(outcome.out, testing::ContainsRegex("CQsFirst +known +First +First.DLL\n"));
+    EXPECT_THAT(outcome.out, testing::ContainsRegex("CQsSecond +known +Second +second.So\n"));
+    EXPECT_THAT(outcome.out, testing::Not(testing::HasSubstr("CQsThird")));
 }
 
 TEST_F(ModuleFiles, ThatAreCutOffAnywhereGetOneLineEach)

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -85,6 +86,9 @@ QS_CHILD_PROCESS(IsInterrupted)
     if (!handlers.Entered(2))
         return 3;
     InterruptThisProcess(); // while both wait
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // time for a third one to come that must not
+    if (!handlers.AreAt(2))
+        return 7;
     handlers.LetGo(1);
     if (!handlers.Left(1) || !handlers.Entered(3))
         return 4;

@@ -138,7 +138,7 @@ TEST(Thread, CreationThatFailsLeavesTheHandle)
     const QsThread before = thread;
     QsTest::FailThreadCreations(1);
     EXPECT_EQ(EAGAIN, pthread_create(&thread, nullptr, Nothing, nullptr));
-    EXPECT_EQ(before, thread);
+    EXPECT_EQ(pthread_getw32threadhandle_np(before), pthread_getw32threadhandle_np(thread));
     ASSERT_EQ(0, pthread_create(&thread, nullptr, Nothing, nullptr));
     EXPECT_EQ(0, pthreadCancelableTimedWait(pthread_getw32threadhandle_np(before), kLong));
     EXPECT_EQ(0, pthreadCancelableTimedWait(pthread_getw32threadhandle_np(thread), kLong));

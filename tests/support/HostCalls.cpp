@@ -179,7 +179,9 @@ using QsTest::CHostCalls;
 
 QS_IN_PLACE_OF(WaitForOne, DWORD WINAPI, WaitForSingleObject, (HANDLE handle, DWORD milliseconds))
 {
-    return QS_REAL(WaitForOne)(handle, QsTest::Remember(1, milliseconds));
+    if (!QsTest::IsWaitOfTestLibrary(handle, milliseconds))
+        milliseconds = QsTest::Remember(1, milliseconds);
+    return QS_REAL(WaitForOne)(handle, milliseconds);
 }
 
 QS_IN_PLACE_OF(WaitForMany, DWORD WINAPI, WaitForMultipleObjects,

@@ -20,8 +20,13 @@ Function FunctionBehind(Function own)
     return reinterpret_cast<Function>(found);
 }
 
-// Whether an object is one of the C run-time, whose calls come to the program's functions as well: never here.
+// Whether an object is one of the C run-time, or a wait one of the test library, whose calls come to the program's
+// functions as well: never here.
 inline bool IsOfCRuntime(const void*)
+{
+    return false;
+}
+inline bool IsWaitOfTestLibrary(const void*, unsigned long)
 {
     return false;
 }

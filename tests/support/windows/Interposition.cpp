@@ -94,4 +94,9 @@ bool IsOfCRuntime(const void* object)
     return image.Contains(object);
 }
 
+bool IsWaitOfTestLibrary(HANDLE handle, DWORD milliseconds)
+{
+    return milliseconds == INFINITE && GetThreadId(handle) != 0;
+}
+
 } // namespace QsTest

@@ -10,6 +10,9 @@ void* ReplaceImport(void* function, void* own, const char* name);
 // Whether an object is one of the C run-time, parts of which are linked into the program and call as it does: those
 // have static storage in it, which no object under test has.
 bool IsOfCRuntime(const void* object);
+// Whether a wait is one of the test library, which is linked into the program, too: it has a thread wait for the end of
+// each thread that uses it.
+bool IsWaitOfTestLibrary(void* handle, unsigned long milliseconds);
 
 template <class Function>
 class CImportReplacement
