@@ -32,7 +32,7 @@ public:
         if (--m_references != 0)
             return;
         // The graphics-object release call: which call these events go to is part of what hosts see of this module.
-        // Where it refuses what is no graphics object, each event lives until the process ends (docs/decisions).
+        // Where it refuses what is no graphics object, each event lives until the process ends (docs/decisions/0010).
         DeleteObject(m_hDone);
         delete this;
     }

@@ -9,6 +9,11 @@
 
 namespace QsPlatform {
 
+// Whether the process ends and only the libraries' own ends are still run, in this thread. Windows has ended the others
+// by then, wherever they were: a lock that one of them held stays held for ever. False where threads go on until the
+// end.
+QS_HOST_API bool IsProcessEnding();
+
 // Absolute path of the program's file; empty when the system does not tell.
 QS_HOST_API std::string ProgramFile();
 
@@ -18,9 +23,9 @@ QS_HOST_API std::vector<std::string> CommandLineArguments(int count, char** text
 // UTF-8; none when the environment does not have it.
 QS_HOST_API std::optional<std::string> EnvironmentVariable(const char* name);
 
-// Makes the standard streams pass on bytes as they are written and UTF-8 as the characters that it stands for, and gives
-// each of them that is closed a file of its own on which it fails; otherwise the next file that is opened would take
-// its place, and be written into. Whoever writes to stderr flushes it. Call it before any file is opened.
+// Makes the standard streams pass on bytes as they are written and UTF-8 as the characters that it stands for, and
+// gives each of them that is closed a file of its own on which it fails; otherwise the next file that is opened would
+// take its place, and be written into. Whoever writes to stderr flushes it. Call it before any file is opened.
 QS_HOST_API void GuardStandardStreams();
 
 // Whether a person sees what is written to stderr, on a terminal that follows escape sequences.

@@ -13,8 +13,8 @@ namespace QsPlatform {
 // not name it, too. Keys that are open stay where they are. Empty: the user's registry again.
 //
 // On Windows its values lie below HKEY_CURRENT_USER\Software\QsStimulation\Registries\<folder>, elsewhere in
-// <folder>/user and <folder>/machine; docs/formats.md tells both. Throws where there can be none, rather than change the
-// user's. [before other threads use the registry]
+// <folder>/user and <folder>/machine; docs/formats.md tells both. Throws where there can be none, rather than change
+// the user's. [before other threads use the registry]
 QS_HOST_API void UseOwnRegistry(const std::string& folder);
 // Removes what the registries that folders in this folder (UTF-8) name have left elsewhere than in it; for folders that
 // are removed themselves. What still uses one of them finds no key and makes none.

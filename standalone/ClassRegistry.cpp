@@ -1,6 +1,7 @@
 #include "standalone/ClassRegistry.h"
 
 #include "platform/ModuleFile.h"
+#include "platform/Process.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -34,6 +35,8 @@ void CClassRegistry::Add(const CQsClassInfo& info)
 
 void CClassRegistry::Remove(const CQsClassInfo& info)
 {
+    if (QsPlatform::IsProcessEnding()) // nobody asks any more, and a thread that did may hold the lock for ever
+        return;
     const CQsScopedLock<CQsMutex> guard(m_lock);
     m_coded.erase(
         std::remove_if(m_coded.begin(), m_coded.end(), [&info](const SCoded& coded) { return coded.info == &info; }),

@@ -3,6 +3,7 @@
 
 #include "host/QsDevice.h"
 #include "host/QsPluginManager.h"
+#include "platform/Process.h"
 #include "platform/ThreadSafety.h"
 #include "platform/ThreadSlot.h"
 #include "standalone/DatabaseConnection.h"
@@ -72,7 +73,7 @@ std::atomic<bool> s_processEnds{false};
 void EndOfThread(void* connection)
 {
     t_bEnded = true;
-    if (!s_processEnds) // then Qt's own tables of connections may be gone
+    if (!s_processEnds && !QsPlatform::IsProcessEnding()) // then Qt's own tables of connections may be gone
         delete static_cast<SThreadConnection*>(connection);
 }
 
@@ -137,6 +138,8 @@ std::atomic<unsigned> s_openScopes{0};
 void LeaveDatabaseAtExit()
 {
     s_processEnds = true;
+    if (QsPlatform::IsProcessEnding()) // no thread will come out any more, and it may hold a lock of Qt or of the database
+        return;
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
     while (s_openScopes != 0 && std::chrono::steady_clock::now() < until)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));

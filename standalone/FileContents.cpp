@@ -41,7 +41,8 @@ bool QsStandalone::ReadFileContents(const std::string& path, std::uint64_t maxBy
         if (stream == nullptr)
             return Fail(path, "cannot be opened", error);
         std::string bytes;
-        const std::uintmax_t size = fs::file_size(file, code); // of the one that is open unless it has just been replaced
+        const std::uintmax_t size =
+            fs::file_size(file, code); // of the one that is open unless it has just been replaced
         bytes.reserve(static_cast<std::size_t>(code ? 0 : std::min<std::uintmax_t>(size, maxBytes)));
         char block[1 << 16];
         std::size_t count = 0;

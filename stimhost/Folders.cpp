@@ -50,8 +50,8 @@ std::string PluginFolder()
 
 std::string RigOfProgram(const std::string& name)
 {
-    const fs::path installed = ProgramFolder() / QS_SHARE_FOLDER / "qsstimulation" / "rigs" / fs::u8path(name);
-    return OrNothing(FirstThatExists(installed, fs::u8path(QS_SOURCE_RIGS) / fs::u8path(name)));
+    const fs::path rig = ProgramFolder() / QS_SHARE_FOLDER / "qsstimulation" / "rigs" / fs::u8path(name);
+    return OrNothing(rig.lexically_normal().generic_u8string());
 }
 
 } // namespace Stimhost

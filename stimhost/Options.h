@@ -81,8 +81,8 @@ struct SOptions
     std::string out = "out"; // demo
 };
 
-// Reads the command line, UTF-8 and with the program's name first, and what the environment adds to it. The exit code when there is nothing left to do: help was shown, or the usage is bad and one
-// line on stderr says how.
+// Reads the command line, UTF-8 and with the program's name first, and what the environment adds to it. The exit code
+// when there is nothing left to do: help was shown, or the usage is bad and one line on stderr says how.
 std::optional<int> ReadOptions(const std::vector<std::string>& arguments, SOptions& options);
 
 } // namespace Stimhost

@@ -4,8 +4,8 @@
 #
 #   dependencies.sh CACHE    prints the prefix below CACHE, after building it when it is not there
 #
-# The prefix is named after what goes into it: this script and the versions of sources and compiler. It appears whole or
-# not at all.
+# The prefix is named after what goes into it: this script, the tool chain, the versions of Qt, SQLite, GoogleTest and the
+# compiler. It appears whole or not at all.
 set -euo pipefail
 cache=$1
 target=x86_64-w64-mingw32
@@ -17,7 +17,7 @@ say() { printf '== %s\n' "$*" >&2; }
 
 versions=$(dpkg-query -W -f='${source:Package} ${source:Version}\n' qtbase5-dev-tools libsqlite3-0 googletest \
     g++-mingw-w64-x86-64-posix gfortran-mingw-w64-x86-64-posix mingw-w64-x86-64-dev libeigen3-dev libcli11-dev rapidjson-dev)
-key=$({ cat "$here/dependencies.sh"; printf '%s\n' "$versions"; } | sha256sum | cut -c1-16)
+key=$({ cat "$here/dependencies.sh" "$here/toolchain.cmake"; printf '%s\n' "$versions"; } | sha256sum | cut -c1-16)
 prefix=$cache/windows/$key
 if [ -e "$prefix/.complete" ]; then
     printf '%s\n' "$prefix"
@@ -106,13 +106,14 @@ done
 mkdir -p "$stage/mkspecs"
 cp -r "$qt/mkspecs/win32-g++" "$stage/mkspecs/"
 for tool in qmake moc rcc; do ln -sf "/usr/lib/qt5/bin/$tool" "$stage/bin/$tool"; done
-cp "$qt/LICENSE.LGPL3" "$stage/licenses/Qt.txt"
+cp "$qt/debian/copyright" "$stage/licenses/Qt.txt" # with what it brings along: PCRE2, zlib, double-conversion
+cp "$sqlite/debian/copyright" "$stage/licenses/sqlite.txt"
 
 say "Building GoogleTest"
 mkdir -p "$work/googletest"
 cd "$work/googletest"
 quietly cmake /usr/src/googletest -G Ninja -DCMAKE_TOOLCHAIN_FILE="$here/toolchain.cmake" -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_CXX_FLAGS=-std=c++17 -DCMAKE_INSTALL_PREFIX="$stage" -DINSTALL_GTEST=ON
+    -DCMAKE_CXX_FLAGS=-std=c++17 -DQS_WINDOWS_PREFIX="$stage" -DCMAKE_INSTALL_PREFIX="$stage" -DINSTALL_GTEST=ON
 quietly ninja install
 
 # Headers alone; the target's compiler must not see the machine's other headers.
@@ -128,8 +129,11 @@ done
 cp "/usr/$target/lib/libwinpthread-1.dll" "$stage/bin/"
 "$target-strip" "$stage"/bin/*.dll "$stage"/plugins/*/*.dll
 for package in gcc-mingw-w64-base mingw-w64-common libeigen3-dev libcli11-dev rapidjson-dev; do
-    [ -e "/usr/share/doc/$package/copyright" ] && cp "/usr/share/doc/$package/copyright" "$stage/licenses/$package.txt"
+    cp "/usr/share/doc/$package/copyright" "$stage/licenses/$package.txt"
 done
+# Texts that those refer to.
+mkdir "$stage/licenses/common-licenses"
+cp -L /usr/share/common-licenses/* "$stage/licenses/common-licenses/"
 
 # Packages of CMake name the place they are in relative to themselves; what does not is put right here.
 grep -rlI "$stage" "$stage" --include='*.pri' --include='*.cmake' --include='*.prl' --include='*.pc' --include='qt.conf' |

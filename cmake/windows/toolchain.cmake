@@ -1,5 +1,8 @@
 # Windows x64 programs from a Debian machine: the distribution's MinGW compiler with POSIX threads. The libraries are
 # those that dependencies.sh builds (QS_WINDOWS_PREFIX); programs of the build run under Wine.
+if(NOT QS_WINDOWS_PREFIX)
+    message(FATAL_ERROR "QS_WINDOWS_PREFIX is not set: ./dev windows builds what is needed and sets it")
+endif()
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(qs_target_triple x86_64-w64-mingw32)

@@ -13,10 +13,13 @@ if [ ! -e "$WINEPREFIX/.ready" ]; then
     exec 9>"$WINEPREFIX/.lock"
     flock 9 # programs that start at the same time wait for the one that makes it
     if [ ! -e "$WINEPREFIX/.ready" ]; then
-        wine wineboot -i >/dev/null 2>&1 9>&-
         # Without a display there are no windows, and a program cannot be asked to end, unless Wine is told to do without.
-        wine reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1 9>&-
-        wineserver -w 9>&-
+        if ! { wine wineboot -i &&
+            wine reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f && wineserver -w; } >"$WINEPREFIX/.log" 2>&1 9>&-; then
+            tail -n 20 "$WINEPREFIX/.log" >&2
+            echo "wine.sh: the prefix $WINEPREFIX cannot be made" >&2
+            exit 1
+        fi
         touch "$WINEPREFIX/.ready"
     fi
     exec 9>&-

@@ -8,6 +8,11 @@
 
 namespace QsPlatform {
 
+bool IsProcessEnding()
+{
+    return false;
+}
+
 std::string ProgramFile()
 {
     std::error_code error;

@@ -26,7 +26,7 @@ struct SOpenKey
 
 struct SRegistry
 {
-    CQsMutex lock; // held during file access: one process writes one change after the other
+    CQsMutex lock;                       // held during file access: one process writes one change after the other
     std::string own QS_GUARDED_BY(lock); // folder of the program's own registry; empty: from the environment
     bool refused[2] QS_GUARDED_BY(lock) = {};
     std::map<HKEY, SOpenKey> keys QS_GUARDED_BY(lock);
@@ -121,7 +121,8 @@ bool Exists(const SOpenKey& key)
 bool LacksTerminator(const SRegistryData& data)
 {
     const std::size_t size = data.bytes.size();
-    return data.type == REG_SZ && size >= 2 && size % 2 == 0 && (data.bytes[size - 1] != 0 || data.bytes[size - 2] != 0);
+    return data.type == REG_SZ && size >= 2 && size % 2 == 0 &&
+           (data.bytes[size - 1] != 0 || data.bytes[size - 2] != 0);
 }
 
 // Calls report by status alone, also when memory runs out.

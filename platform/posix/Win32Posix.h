@@ -75,8 +75,8 @@ QS_HOST_API void DeleteCriticalSection(CRITICAL_SECTION* section);
 QS_HOST_API DWORD GetCurrentThreadId();
 
 constexpr ULONG WT_EXECUTELONGFUNCTION = 0x10;
-// Runs the function on a thread of the pool. Items that block do not hold others up: up to 500 run at once. FALSE when the
-// item could not be queued.
+// Runs the function on a thread of the pool. Items that block do not hold others up: up to 500 run at once. FALSE when
+// the item could not be queued.
 QS_HOST_API BOOL QueueUserWorkItem(LPTHREAD_START_ROUTINE function, LPVOID context, ULONG flags);
 
 // ---------------------------------------------------------------------------------------------------------- modules
@@ -113,9 +113,9 @@ inline const HKEY HKEY_LOCAL_MACHINE = reinterpret_cast<HKEY>(std::uintptr_t{0x8
 
 // Sub-keys are paths separated by "\"; a trailing one names the same key. Names ignore ASCII case, as the real ones do.
 // REG_SZ data are UTF-16LE bytes with their terminator on every system: `data` points to 16-bit units, not to wchar_t
-// (platform/Utf16.h converts). A text that was written without terminator is read without one; the query puts one behind
-// the size that it tells where the caller has room. The real RegSetValueExW takes along a terminator that stands in
-// memory behind the data; this one looks no further than it is told.
+// (platform/Utf16.h converts). A text that was written without terminator is read without one; the query puts one
+// behind the size that it tells where the caller has room. The real RegSetValueExW takes along a terminator that stands
+// in memory behind the data; this one looks no further than it is told.
 QS_HOST_API LSTATUS RegCreateKeyExW(HKEY key, const wchar_t* subKey, DWORD reserved, wchar_t* className, DWORD options,
                                     REGSAM access, const SECURITY_ATTRIBUTES* attributes, HKEY* result,
                                     DWORD* disposition);

@@ -229,7 +229,8 @@ DWORD RefusalOf(const std::wstring& target, DWORD attributes)
         [&]
         {
             constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-            const CHandle file(CreateFileW(target.c_str(), GENERIC_WRITE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
+            const CHandle file(
+                CreateFileW(target.c_str(), GENERIC_WRITE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
             const DWORD failure = ErrorUnless(file.IsOpen());
             // Somebody else's use is told after our right has been looked at; a file that is gone is no refusal.
             return failure == ERROR_SHARING_VIOLATION || IsMissing(failure) ? static_cast<DWORD>(ERROR_SUCCESS)
@@ -323,8 +324,7 @@ bool KeepFileAside(const std::string& path, const std::string& suffix, std::stri
     {
         const std::string aside = plain + suffix + (n > 1 ? std::to_string(n) : std::string());
         const std::wstring second = SystemPath(aside);
-        DWORD failure =
-            WhileInUse([&] { return ErrorUnless(CreateHardLinkW(second.c_str(), file.c_str(), nullptr)); });
+        DWORD failure = WhileInUse([&] { return ErrorUnless(CreateHardLinkW(second.c_str(), file.c_str(), nullptr)); });
         if (IsTaken(failure))
             continue;
         // A file system without second names, or a file that we may not give one.

@@ -63,7 +63,7 @@ CFolderLock::CFolderLock(const std::string& file, unsigned longestMs, std::strin
     // Where the file is written: whoever comes over a link excludes who comes without.
     const std::wstring folder = FolderOf(BehindLinks(SystemPath(file)));
     const DWORD attributes = GetFileAttributesW(folder.c_str());
-    DWORD failure = attributes == INVALID_FILE_ATTRIBUTES            ? GetLastError()
+    DWORD failure = attributes == INVALID_FILE_ATTRIBUTES          ? GetLastError()
                     : (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 ? static_cast<DWORD>(ERROR_DIRECTORY)
                                                                    : static_cast<DWORD>(ERROR_SUCCESS);
     SFileIdentity identity;

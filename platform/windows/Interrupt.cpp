@@ -56,8 +56,8 @@ LRESULT CALLBACK OnMessage(HWND window, UINT message, WPARAM wide, LPARAM extra)
     }
 }
 
-// Who asks a process to end sends that to its windows, and so does the end of the user's session: a program that has the
-// system's library for windows in it is told in no other way. So there is one that nobody sees.
+// Who asks a process to end sends that to its windows, and so does the end of the user's session: a program that has
+// the system's library for windows in it is told in no other way. So there is one that nobody sees.
 void ReceiveMessages(std::promise<void>& ready)
 {
     WNDCLASSW kind = {};

@@ -93,7 +93,7 @@ std::string ModuleFileOfAddress(const void* address)
     constexpr DWORD flags = GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
     if (address == nullptr || !GetModuleHandleExW(flags, static_cast<const wchar_t*>(address), &module))
         return {};
-    return PlainPath(FileOfModule(module));
+    return ToUtf8(UsualForm(FileOfModule(module)));
 }
 
 bool IsModuleFileLoaded(const std::string& path)

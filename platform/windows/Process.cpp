@@ -55,7 +55,17 @@ DWORD ConsoleModeOf(DWORD which)
     return GetConsoleMode(GetStdHandle(which), &mode) ? mode : 0;
 }
 
+// No header of the system declares it.
+using ShutdownInProgress = BOOLEAN(NTAPI*)();
+const auto s_shutdownInProgress = reinterpret_cast<ShutdownInProgress>(
+    reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+
 } // namespace
+
+bool IsProcessEnding()
+{
+    return s_shutdownInProgress != nullptr && s_shutdownInProgress();
+}
 
 std::string ProgramFile()
 {

@@ -60,8 +60,8 @@ void Replace(HKEY root, const std::wstring& key)
         RegCloseKey(own);
     }
     if (status != ERROR_SUCCESS)
-        throw std::runtime_error("HKEY_CURRENT_USER\\" + ToUtf8(key) + ": cannot be a registry: " +
-                                 ReasonOf(static_cast<DWORD>(status)));
+        throw std::runtime_error("HKEY_CURRENT_USER\\" + ToUtf8(key) +
+                                 ": cannot be a registry: " + ReasonOf(static_cast<DWORD>(status)));
 }
 
 struct SLess
@@ -163,8 +163,8 @@ LSTATUS ListBelow(HKEY parent, const std::wstring& name, const std::string& path
     for (SNamedValue& value : own)
         values.push_back({path, ToUtf8(value.name), value.type, std::move(value.data)});
     for (std::size_t i = 0; i < below.size() && status == ERROR_SUCCESS; ++i)
-        status = ListBelow(key.Get(), below[i].name, (path.empty() ? path : path + '\\') + ToUtf8(below[i].name),
-                           values);
+        status =
+            ListBelow(key.Get(), below[i].name, (path.empty() ? path : path + '\\') + ToUtf8(below[i].name), values);
     return status;
 }
 
@@ -205,15 +205,24 @@ void UseOwnRegistry(const std::string& folder)
     // First the user's own registry, since that is where the others lie.
     for (const HKEY root : {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER})
         RegOverridePredefKey(root, nullptr);
-    own.folder = folder;
+    own.folder.clear();
     if (folder.empty())
         return;
     if (own.registries == nullptr)
         RegCreateKeyExW(HKEY_CURRENT_USER, registriesKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr,
                         &own.registries, nullptr);
     const std::wstring key = KeyOf(folder);
-    Replace(HKEY_LOCAL_MACHINE, key + L"machine");
-    Replace(HKEY_CURRENT_USER, key + L"user");
+    try
+    {
+        Replace(HKEY_LOCAL_MACHINE, key + L"machine");
+        Replace(HKEY_CURRENT_USER, key + L"user");
+    }
+    catch (...)
+    {
+        RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr); // both or none
+        throw;
+    }
+    own.folder = folder;
 }
 
 void RemoveRegistriesIn(const std::string& folder)
@@ -248,8 +257,8 @@ bool ListRegistry(HKEY root, const wchar_t* subKey, std::vector<SRegistryValue>&
     if (status == ERROR_SUCCESS)
         return true;
     values.clear();
-    error = RegistryPlace(root) + (path.empty() ? "" : "\\" + ToUtf8(path)) + ": cannot be read: " +
-            ReasonOf(static_cast<DWORD>(status));
+    error = RegistryPlace(root) + (path.empty() ? "" : "\\" + ToUtf8(path)) +
+            ": cannot be read: " + ReasonOf(static_cast<DWORD>(status));
     return false;
 }
 

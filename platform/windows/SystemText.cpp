@@ -66,16 +66,20 @@ std::wstring FolderOf(const std::wstring& systemPath)
     return end == std::wstring::npos ? L"." : systemPath.substr(0, end + 1); // "C:" alone would be another folder
 }
 
+std::wstring UsualForm(const std::wstring& systemPath)
+{
+    if (BeginsWith(systemPath, anyLengthShare))
+        return L"\\\\" + systemPath.substr(std::wstring(anyLengthShare).size());
+    // A path by the number of its volume has no other form.
+    const bool hasDrive = BeginsWith(systemPath, anyLength) && systemPath.compare(5, 1, L":") == 0;
+    return hasDrive ? systemPath.substr(std::wstring(anyLength).size()) : systemPath;
+}
+
 std::string PlainPath(const std::wstring& systemPath)
 {
-    std::wstring path = systemPath;
-    if (BeginsWith(path, anyLengthShare))
-        path.replace(0, std::wstring(anyLengthShare).size(), L"\\\\");
-    else if (BeginsWith(path, anyLength) && path.compare(5, 1, L":") == 0)
-        path.erase(0, std::wstring(anyLength).size());
-    else if (BeginsWith(path, anyLength)) // by the number of its volume: there is no other form, nor one with slashes
-        return ToUtf8(path);
-    std::replace(path.begin(), path.end(), L'\\', L'/');
+    std::wstring path = UsualForm(systemPath);
+    if (!BeginsWith(path, anyLength)) // which has no slashes
+        std::replace(path.begin(), path.end(), L'\\', L'/');
     return ToUtf8(path);
 }
 
@@ -84,8 +88,8 @@ std::string ReasonOf(DWORD code)
     constexpr DWORD longest = 1024;
     wchar_t text[longest];
     constexpr DWORD flags = FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK;
-    DWORD length = FormatMessageW(flags, nullptr, code, MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), text, longest,
-                                  nullptr);
+    DWORD length =
+        FormatMessageW(flags, nullptr, code, MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), text, longest, nullptr);
     if (length == 0) // a system without English texts
         length = FormatMessageW(flags, nullptr, code, 0, text, longest, nullptr);
     std::wstring reason(text, length);

@@ -11,11 +11,14 @@ namespace QsPlatform {
 std::wstring ToWide(const std::string& utf8);
 std::string ToUtf8(const std::wstring& wide);
 
-// The path as the system's calls take it: absolute, and in the form without limit when it is too long for the usual one.
+// The path as the system's calls take it: absolute, and in the form without limit when it is too long for the usual
+// one.
 std::wstring SystemPath(const std::string& path);
 // The folder that holds the file, of a path of that kind.
 std::wstring FolderOf(const std::wstring& systemPath);
-// The path as everybody else writes it: UTF-8, with slashes.
+// The path in the usual form however long it is.
+std::wstring UsualForm(const std::wstring& systemPath);
+// The path as our own code writes it: UTF-8, with slashes.
 std::string PlainPath(const std::wstring& systemPath);
 
 // What the system's error means: one line, in English whatever the user's language.

@@ -202,10 +202,12 @@ TEST_F(OCCommands, ThatCannotBeStoredIsNotSaidToBeStored)
     QSqlDatabase writer = QSqlDatabase::addDatabase("QSQLITE", "writer");
     writer.setDatabaseName(QString::fromStdString(database.substr(database.find(':') + 1)));
     ASSERT_TRUE(writer.open());
-    ASSERT_TRUE(QSqlQuery(writer).exec("BEGIN IMMEDIATE")); // others can read, and wait in vain to write
-    const SOutcome outcome =
-        Stimhost({"oc", "set", "Late:new", "--rig", BeampathRig(), "--database", database});
+    for (const char* change : {"INSERT", "UPDATE", "DELETE"})
+        ASSERT_TRUE(QSqlQuery(writer).exec(QString("CREATE TRIGGER refuse_%1 BEFORE %1 ON dev_Parameter BEGIN "
+                                                   "SELECT RAISE(FAIL, 'refused by the test'); END")
+                                               .arg(change)));
     writer.close();
+    const SOutcome outcome = Stimhost({"oc", "set", "Late:new", "--rig", BeampathRig(), "--database", database});
     EXPECT_EQ(2, outcome.exitCode) << outcome.err;
     EXPECT_THAT(outcome.err, HasSubstr("\"Late:new\" cannot be stored: "));
     EXPECT_EQ("", outcome.out);

@@ -199,10 +199,9 @@ TEST_P(ClassRecords, AreInspectedOnEverySystem)
         for (unsigned i = 1; i < 9; ++i)
             EXPECT_STREQ("", cls["parents"][i].GetString());
     }
-    EXPECT_THAT(classes,
-                UnorderedElementsAre(std::pair(s_classes[0].name, s_classes[0].friendlyName),
-                                     std::pair(s_classes[1].name, s_classes[1].friendlyName),
-                                     std::pair(s_classes[2].name, s_classes[2].friendlyName)));
+    EXPECT_THAT(classes, UnorderedElementsAre(std::pair(s_classes[0].name, s_classes[0].friendlyName),
+                                              std::pair(s_classes[1].name, s_classes[1].friendlyName),
+                                              std::pair(s_classes[2].name, s_classes[2].friendlyName)));
 }
 
 TEST_P(ClassRecords, ComeWithAConstructorAndClassInformationByPlainNames)
@@ -220,7 +219,8 @@ using ModuleFiles = StimhostTest;
 // Both formats on every system, whichever its own is.
 TEST_F(ModuleFiles, OfBothFormatsAreInspected)
 {
-    const std::string records = ClassBytes("CQsFirst", "First") + std::string(32, '\0') + ClassBytes("CQsSecond", "Second");
+    const std::string records =
+        ClassBytes("CQsFirst", "First") + std::string(32, '\0') + ClassBytes("CQsSecond", "Second");
     const SOutcome outcome = Stimhost(
         {"inspect", "--json", File("elf.so", ElfFile("qsclass", records)), File("pe.dll", PeFile("qsclass", records))});
     EXPECT_EQ(0, outcome.exitCode) << outcome.err;

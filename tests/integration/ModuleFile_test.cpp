@@ -25,8 +25,8 @@ std::set<std::string> DefinedSymbols()
     for (const std::string& name : image.ExportedNames())
     {
         int status = 0;
-        const std::unique_ptr<char, void (*)(void*)> plain(
-            abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), &std::free);
+        const std::unique_ptr<char, void (*)(void*)> plain(abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status),
+                                                           &std::free);
         symbols.insert(status == 0 && name.compare(0, 2, "_Z") == 0 ? plain.get() : name);
     }
     return symbols;

@@ -78,8 +78,7 @@ void StimhostTest::Start(QProcess& process, const std::vector<std::string>& argu
     NeedApplication();
     process.setProcessEnvironment(Environment(process.processEnvironment(), environment));
     MakeInterruptible(process);
-    process.start(QS_STIMHOST,
-                  QStringList{"--registry", QString::fromStdString(Path("registry"))} + Texts(arguments));
+    process.start(QS_STIMHOST, QStringList{"--registry", QString::fromStdString(Path("registry"))} + Texts(arguments));
     ASSERT_TRUE(process.waitForStarted());
 }
 

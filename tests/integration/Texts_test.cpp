@@ -42,9 +42,8 @@ TEST_F(Texts, OfFilesAndDevicesPassThroughAStimulation)
                                  std::string(R"({ "format": "stimulation-rig", "version": 1, "name": ")") + s_name +
                                      R"(", "shutters": [ { "id": 1, "name": ")" + s_name +
                                      R"(" } ], "stimulationShutters": [ { "shutter": 1 } ] })");
-    const SOutcome outcome =
-        Stimhost({"stimulate", "--rig", rig, "--duration", "10", "--report", Named(".json"), "--picture",
-                  Named(".svg"), "--log", Named(".log"), "--log-level", "detailed"});
+    const SOutcome outcome = Stimhost({"stimulate", "--rig", rig, "--duration", "10", "--report", Named(".json"),
+                                       "--picture", Named(".svg"), "--log", Named(".log"), "--log-level", "detailed"});
     ASSERT_EQ(0, outcome.exitCode) << outcome.err;
     EXPECT_THAT(outcome.out, HasSubstr(s_name));
 
@@ -86,10 +85,12 @@ TEST_F(Texts, NameDatabasesOnTheCommandLineAndInTheEnvironment)
 TEST_F(Texts, NameRegistriesWithoutMixingThem)
 {
     const std::string rig = ShutterRig(), own = Path(s_name), other = Path(std::string(s_name) + "2");
-    const auto activate = [&](const std::string& registry)
-    { return RunProgram(QS_STIMHOST, {"--registry", registry, "--rig", rig, "activate", "Shutter_1", "--save"}); };
-    const auto shown = [](const std::string& registry)
-    { return RunProgram(QS_STIMHOST, {"--registry", registry, "registry", "show"}).out; };
+    const auto activate = [&](const std::string& registry) {
+        return RunProgram(QS_STIMHOST, {"--registry", registry, "--rig", rig, "activate", "Shutter_1", "--save"});
+    };
+    const auto shown = [](const std::string& registry) {
+        return RunProgram(QS_STIMHOST, {"--registry", registry, "registry", "show"}).out;
+    };
     ASSERT_EQ(0, activate(own).exitCode);
     EXPECT_THAT(shown(own), HasSubstr("Shutter_1"));
     EXPECT_THAT(shown(other), testing::Not(HasSubstr("Shutter_1")));
@@ -98,12 +99,12 @@ TEST_F(Texts, NameRegistriesWithoutMixingThem)
 TEST_F(Texts, NameTheFoldersOfADemo)
 {
     const std::string rig = NamedRig(QS_SOURCE "/examples/rigs/optics.json");
-    const SOutcome outcome =
-        Stimhost({"demo", "--rig", rig, "--settings", Path("settings " + std::string(s_name)), "--out",
-                  Path("out " + std::string(s_name)) + "/"});
+    const SOutcome outcome = Stimhost({"demo", "--rig", rig, "--settings", Path("settings " + std::string(s_name)),
+                                       "--out", Path("out " + std::string(s_name)) + "/"});
     EXPECT_EQ(0, outcome.exitCode) << outcome.err;
     EXPECT_EQ("", outcome.err);
     for (const char* name : {"/report.json", "/timeline.svg", "/calibration-1.svg", "/region-2.svg"})
         EXPECT_TRUE(QFile::exists(QString::fromStdString(Path("out " + std::string(s_name)) + name))) << name;
-    EXPECT_EQ(rig, ParsedJson(ReadWhole(Path("out " + std::string(s_name)) + "/report.json"))["rig"]["file"].GetString());
+    EXPECT_EQ(rig,
+              ParsedJson(ReadWhole(Path("out " + std::string(s_name)) + "/report.json"))["rig"]["file"].GetString());
 }

@@ -166,7 +166,8 @@ TEST(AtomicFile, IsKeptAsideUnderTheNextFreeName)
     EXPECT_THAT(error, StartsWith(folder.File("none") + ": cannot be kept aside: "));
 }
 
-// ------------------------------------------------------------------------------------------ other threads and processes
+// ------------------------------------------------------------------------------------------ other threads and
+// processes
 
 TEST(AtomicFile, IsWholeForEveryReaderWhileItIsReplaced)
 {
@@ -271,8 +272,8 @@ TEST(AtomicFile, IsOldOrNewAfterItsWriterWasKilledAtAnyStep)
     ASSERT_TRUE(Replace(path, std::string(150000, 'n'), error, EFlush::ToDisk)) << error;
     OnFileReplacementStep(nullptr);
     const std::vector<std::string> steps = g_steps;
-    ASSERT_THAT(steps, testing::IsSupersetOf({"created", "permitted", "wrote", "wrote", "flushed", "renamed",
-                                              "flushed folder"}));
+    ASSERT_THAT(steps, testing::IsSupersetOf(
+                           {"created", "permitted", "wrote", "wrote", "flushed", "renamed", "flushed folder"}));
     const auto renamed = static_cast<std::size_t>(std::find(steps.begin(), steps.end(), "renamed") - steps.begin());
     for (std::size_t step = 0; step < steps.size(); ++step)
     {
@@ -302,8 +303,7 @@ TEST(AtomicFile, RemovesWhatKilledProcessesLeftAndOnlyThat)
     killed.Kill();
     ASSERT_TRUE(Replace(folder.File("file"), "newer", error)) << error;
     EXPECT_EQ("newer", ContentsOf(folder.File("file")));
-    EXPECT_THAT(NamesIn(folder.Path()),
-                UnorderedElementsAre("file", ".file.other.tmp", ".file2.17-3.tmp", ofAWriter));
+    EXPECT_THAT(NamesIn(folder.Path()), UnorderedElementsAre("file", ".file.other.tmp", ".file2.17-3.tmp", ofAWriter));
     other.Write("go on", "");
     EXPECT_EQ(0, living.Wait());
     EXPECT_EQ("of the one that stays", ContentsOf(folder.File("file")));

@@ -79,8 +79,8 @@ TEST(FolderLock, WaitsForItsTurnAndNotLongerThanItIsTold)
 TEST(FolderLock, KeepsFourThreadsApart)
 {
     const CTemporaryFolder folder;
-    int entered = 0; // plain on purpose: only the lock keeps the threads apart
-    std::atomic<unsigned> failed{0};
+    std::atomic<int> entered{0}, inside{0};
+    std::atomic<unsigned> overlaps{0}, failed{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back(
@@ -91,12 +91,16 @@ TEST(FolderLock, KeepsFourThreadsApart)
                     std::string error;
                     const CFolderLock lock(folder.File("file"), kLong, error);
                     failed += lock.IsHeld() ? 0 : 1;
+                    overlaps += ++inside == 1 ? 0 : 1;
                     ++entered;
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1)); // others try to get in
+                    --inside;
                 }
             });
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(0u, failed);
+    EXPECT_EQ(0u, overlaps);
     EXPECT_EQ(200, entered);
 }
 

@@ -85,7 +85,7 @@ QS_CHILD_PROCESS(IsInterrupted)
     InterruptThisProcess(); // while the first one waits
     if (!handlers.Entered(2))
         return 3;
-    InterruptThisProcess(); // while both wait
+    InterruptThisProcess();                                     // while both wait
     std::this_thread::sleep_for(std::chrono::milliseconds(50)); // time for a third one to come that must not
     if (!handlers.AreAt(2))
         return 7;

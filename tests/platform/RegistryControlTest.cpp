@@ -1,6 +1,6 @@
 // A registry of the program's own, what is in a registry, and processes that share one.
-#include "platform/Folders.h"
 #include "platform/RegistryControl.h"
+#include "platform/Folders.h"
 #include "tests/platform/RegistryValues.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/OwnRegistry.h"
@@ -76,10 +76,9 @@ TEST_F(RegistryControl, ListsInTheOrderOfKeysAndNames)
     Put(HKEY_CURRENT_USER, L"Soft\\c", L"", {});
     Put(HKEY_CURRENT_USER, L"Softer", L"elsewhere", {9});
     Put(HKEY_LOCAL_MACHINE, L"Soft\\b", L"of the machine", {9});
-    const std::vector<Listed> expected{
-        {"Soft\\a\\deep\\deeper", "", 11, {1}}, {"Soft\\b", "2", REG_BINARY, {2}},
-        {"Soft\\b", "a", REG_DWORD, {3, 0, 0, 0}}, {"Soft\\b", "Z", REG_BINARY, {4}},
-        {"Soft\\b\\below", "x", REG_SZ, {7, 0}}, {"Soft\\c", "", REG_BINARY, {}}};
+    const std::vector<Listed> expected{{"Soft\\a\\deep\\deeper", "", 11, {1}},    {"Soft\\b", "2", REG_BINARY, {2}},
+                                       {"Soft\\b", "a", REG_DWORD, {3, 0, 0, 0}}, {"Soft\\b", "Z", REG_BINARY, {4}},
+                                       {"Soft\\b\\below", "x", REG_SZ, {7, 0}},   {"Soft\\c", "", REG_BINARY, {}}};
     EXPECT_EQ(expected, List(HKEY_CURRENT_USER, L"Soft"));
     EXPECT_EQ(expected, List(HKEY_CURRENT_USER, L"Soft\\"));
     std::vector<Listed> all = expected;
@@ -216,8 +215,7 @@ TEST_F(RegistryControl, ItsFolderMayHaveALongNameInAnyScript)
 QS_CHILD_PROCESS(ReadsTheRegistry) // its folder
 {
     UseOwnRegistry(arguments.at(0));
-    return ValueIn(HKEY_CURRENT_USER, L"value") == Bytes{1, 2, 3} &&
-                   ValueIn(HKEY_LOCAL_MACHINE, L"value") == Bytes{4}
+    return ValueIn(HKEY_CURRENT_USER, L"value") == Bytes{1, 2, 3} && ValueIn(HKEY_LOCAL_MACHINE, L"value") == Bytes{4}
                ? 42
                : 1;
 }

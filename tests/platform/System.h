@@ -30,5 +30,5 @@ void InterruptThisProcess();
 // The same file under a name of any length, for libraries that know the usual length only.
 std::filesystem::path LongName(const std::string& path);
 
-// The path as the calls of platform/Win32.h take it.
+// The path as the calls of platform/Win32.h take it, with the system's own separators.
 std::wstring Wide(const std::string& utf8);

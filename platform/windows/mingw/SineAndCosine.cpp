@@ -2,7 +2,7 @@
 // has 66 bits, so that near multiples of a right angle half of the digits are wrong. A camera that is turned by a right
 // angle is the usual case, and the mappings of saved calibrations must be computed to the last digit as they were.
 //
-// Linked into whatever maps; what is linked with it finds these before those of the library.
+// Linked into the module, which finds these before those of the library.
 extern "C" {
 
 extern double (*__imp_sin)(double);

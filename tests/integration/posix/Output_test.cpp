@@ -20,8 +20,8 @@ protected:
     // Runs stimhost with the shell's redirections.
     SOutcome InShell(const std::string& arguments, const std::string& redirection)
     {
-        return RunProgram("/bin/sh", {"-c", "exec " QS_STIMHOST " --registry '" + Path("registry") + "' " +
-                                                arguments + " " + redirection});
+        return RunProgram("/bin/sh", {"-c", "exec " QS_STIMHOST " --registry '" + Path("registry") + "' " + arguments +
+                                                " " + redirection});
     }
 
     std::string Pipe(const std::string& name)
@@ -80,9 +80,9 @@ TEST_F(Output, ThatADatabaseHasNoRoomForIsNotSaidToBeStored)
 {
     const std::string database = BeampathDatabase();
     ASSERT_EQ(0, Stimhost({"oc", "set", "Both:old", "--rig", BeampathRig(), "--database", database}).exitCode);
-    const SOutcome outcome = RunProgram("/bin/sh", {"-c", "ulimit -f 1; exec " QS_STIMHOST " --registry '" +
-                                                              Path("registry") + "' --rig '" + BeampathRig() +
-                                                              "' --database '" + database + "' oc set Late:new"});
+    const SOutcome outcome =
+        RunProgram("/bin/sh", {"-c", "ulimit -f 1; exec " QS_STIMHOST " --registry '" + Path("registry") + "' --rig '" +
+                                         BeampathRig() + "' --database '" + database + "' oc set Late:new"});
     EXPECT_EQ(2, outcome.exitCode) << outcome.err;
     EXPECT_THAT(outcome.err, HasSubstr("\"Late:new\" cannot be stored: "));
     EXPECT_EQ("", outcome.out);
@@ -107,8 +107,8 @@ TEST_F(Output, PipesInPlaceOfInputAreNotWaitedFor)
 TEST_F(Output, ThatTheRegistryDoesNotTakeIsNotSaidToBeSaved)
 {
     const std::string inTheWay = File("file", "no folder");
-    const SOutcome outcome = RunProgram(
-        QS_STIMHOST, {"--registry", inTheWay, "--rig", ShutterRig(), "activate", "Shutter_1", "--save"});
+    const SOutcome outcome =
+        RunProgram(QS_STIMHOST, {"--registry", inTheWay, "--rig", ShutterRig(), "activate", "Shutter_1", "--save"});
     EXPECT_EQ(2, outcome.exitCode);
     EXPECT_EQ(1u, LineCount(outcome.err)) << outcome.err;
     EXPECT_THAT(outcome.err, HasSubstr(inTheWay));

@@ -1,5 +1,5 @@
-#include "platform/Win32.h"
 #include "tests/integration/Interruption.h"
+#include "platform/Win32.h"
 
 // Interrupts come from the console that both share, and go to a group of processes.
 void MakeInterruptible(QProcess& process)

@@ -45,11 +45,10 @@ TEST_F(Output, ThatIsLostGetsOneLineAndExitCodeTwo)
     const HANDLE unwritable = OpenNull();
     ASSERT_NE(INVALID_HANDLE_VALUE, unwritable);
     for (const HANDLE output : {unwritable, static_cast<HANDLE>(nullptr)})
-        for (const std::vector<std::string>& arguments :
-             {std::vector<std::string>{"--help"},
-              {"inspect", QS_MODULE},
-              {"list", "--rig", ShutterRig()},
-              {"stimulate", "--duration", "10", "--rig", ShutterRig()}})
+        for (const std::vector<std::string>& arguments : {std::vector<std::string>{"--help"},
+                                                          {"inspect", QS_MODULE},
+                                                          {"list", "--rig", ShutterRig()},
+                                                          {"stimulate", "--duration", "10", "--rig", ShutterRig()}})
         {
             const SOutcome outcome = Into(output, arguments);
             EXPECT_EQ(2, outcome.exitCode) << arguments[0] << " into " << output;

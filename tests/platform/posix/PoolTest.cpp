@@ -1,4 +1,5 @@
-// What only this side's thread pool promises, and shows: how many threads there are, when they end, which takes an item.
+// What only this side's thread pool promises, and shows: how many threads there are, when they end, which takes an
+// item.
 #include "platform/posix/Control.h"
 #include "tests/platform/PoolItems.h"
 #include "tests/platform/System.h"

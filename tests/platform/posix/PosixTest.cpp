@@ -1,5 +1,5 @@
-// What only this side of the platform layer shows, or does otherwise than Windows: injected failures, names that are not
-// supported, handles that are told apart from those that were closed.
+// What only this side of the platform layer shows, or does otherwise than Windows: injected failures, names that are
+// not supported, handles that are told apart from those that were closed.
 #include "platform/Threads.h"
 #include "platform/posix/Control.h"
 #include "tests/platform/System.h"
@@ -19,7 +19,8 @@ constexpr DWORD kLong = 60000;
 
 TEST(Handle, GarbageIsRefused)
 {
-    for (const std::uintptr_t value : {std::uintptr_t{4}, ~std::uintptr_t{0}}) // a handle on Windows, the process itself
+    for (const std::uintptr_t value :
+         {std::uintptr_t{4}, ~std::uintptr_t{0}}) // a handle on Windows, the process itself
     {
         HANDLE garbage = reinterpret_cast<HANDLE>(value);
         EXPECT_EQ(FALSE, CloseHandle(garbage));

@@ -32,8 +32,8 @@ bool IsInWait(DWORD thread)
     ResumeThread(handle);
     CloseHandle(handle);
     // The last two are what critical sections wait in.
-    for (const char* const function : {"NtWaitForSingleObject", "NtWaitForMultipleObjects", "NtWaitForAlertByThreadId",
-                                       "NtWaitForKeyedEvent"})
+    for (const char* const function :
+         {"NtWaitForSingleObject", "NtWaitForMultipleObjects", "NtWaitForAlertByThreadId", "NtWaitForKeyedEvent"})
         if (seen && IsInside(function, context.Rip))
             return true;
     return false;
@@ -63,7 +63,7 @@ void Unload(void* module)
 
 void SetEnvironment(const char* name, const std::string& value)
 {
-    SetEnvironmentVariableW(Wide(name).c_str(), Wide(value).c_str());
+    SetEnvironmentVariableW(std::filesystem::u8path(name).c_str(), std::filesystem::u8path(value).c_str());
 }
 
 void CloseStandardStream(int number)
@@ -92,5 +92,5 @@ std::filesystem::path LongName(const std::string& path)
 
 std::wstring Wide(const std::string& utf8)
 {
-    return std::filesystem::u8path(utf8).wstring();
+    return std::filesystem::u8path(utf8).make_preferred().wstring();
 }
